@@ -1,0 +1,79 @@
+#pragma once
+
+#include "Platform/FilterProperties.h"
+#include "Platform/LumJson.h"
+#include "Platform/Mutex.h"
+
+namespace Lum {
+namespace Core {
+
+// The process-wide logger. Every line goes through its mutex, so lines from
+// different threads never interleave; appenders are configured once from the
+// "loggers" array of the core configuration.
+class Logger {
+ public:
+  static Logger& Instance();
+
+  void initialize(const LumJson::Value& loggers);
+  void terminate();
+
+  // Whether any appender passes this classification. Callers test before
+  // formatting so that disabled logging costs no formatting at all.
+  bool test(int service, int category, int severity);
+
+  void log(const char* file, int line, const char* function, int service, int category,
+           int severity, const char* format, ...) __attribute__((format(printf, 8, 9)));
+
+  // Writes a text unchanged (no printf formatting); for texts that were
+  // formatted elsewhere, such as the host's supervisor lines.
+  void logText(const char* file, int line, const char* function, int service, int category,
+               int severity, const std::string& text);
+
+ private:
+  Logger() = default;
+  void dispatch(const char* file, int line, const char* function, int service, int category,
+                int severity, std::string message);
+
+  Mutex mutex_;
+  bool initialized_ = false;  // guarded by mutex_
+};
+
+// Logs "Function Enter" on construction and "Function Return" on destruction
+// (category flow, severity debug) when that is enabled for the service.
+class FunctionTrace {
+ public:
+  FunctionTrace(const char* function, const char* file, int line, int service);
+  ~FunctionTrace();
+  FunctionTrace(const FunctionTrace&) = delete;
+  FunctionTrace& operator=(const FunctionTrace&) = delete;
+
+ private:
+  const char* function_;
+  const char* file_;
+  int line_;
+  int service_;
+  int category_;
+  int severity_;
+};
+
+}  // namespace Core
+}  // namespace Lum
+
+// Each source file names itself once, as directory and class ("Platform/Http"),
+// with `LUM_SOURCE_FILE("Platform/Http");` and then logs with LUM_LOG. The test
+// comes first so a disabled line costs neither formatting nor argument work.
+#define LUM_SOURCE_FILE(name) \
+  namespace {                 \
+  constexpr char kLumSource[] = name; \
+  }
+
+#define LUM_LOG(service, category, severity, ...)                                          \
+  do {                                                                                     \
+    if (::Lum::Core::Logger::Instance().test((service), (category), (severity))) {         \
+      ::Lum::Core::Logger::Instance().log(kLumSource, __LINE__, __func__, (service),       \
+                                          (category), (severity), __VA_ARGS__);            \
+    }                                                                                      \
+  } while (0)
+
+#define LUM_TRACE(service) \
+  ::Lum::Core::FunctionTrace lumFunctionTrace_(__func__, kLumSource, __LINE__, (service))

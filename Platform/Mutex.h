@@ -1,0 +1,26 @@
+#pragma once
+
+#include <pthread.h>
+
+namespace Lum {
+namespace Core {
+
+// A plain, non-recursive mutex. Failures of the underlying calls are not
+// reported: a default mutex only fails on misuse.
+class Mutex {
+ public:
+  Mutex();
+  ~Mutex();
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock();
+  void unlock();
+  pthread_mutex_t* native() { return &mutex_; }
+
+ private:
+  pthread_mutex_t mutex_;
+};
+
+}  // namespace Core
+}  // namespace Lum

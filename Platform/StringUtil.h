@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdarg>
+#include <string>
+
+namespace Lum {
+namespace Core {
+
+class StringUtil {
+ public:
+  // printf into a string of any length: tries a 2048-byte buffer first and
+  // retries once with the exact size (or twice the size when vsnprintf
+  // reports an error).
+  static std::string Vform(const char* format, va_list args);
+  static std::string Form(const char* format, ...) __attribute__((format(printf, 1, 2)));
+};
+
+}  // namespace Core
+}  // namespace Lum
