@@ -24,15 +24,8 @@ class Logger {
   void log(const char* file, int line, const char* function, int service, int category,
            int severity, const char* format, ...) __attribute__((format(printf, 8, 9)));
 
-  // Writes a text unchanged (no printf formatting); for texts that were
-  // formatted elsewhere, such as the host's supervisor lines.
-  void logText(const char* file, int line, const char* function, int service, int category,
-               int severity, const std::string& text);
-
  private:
   Logger() = default;
-  void dispatch(const char* file, int line, const char* function, int service, int category,
-                int severity, std::string message);
 
   Mutex mutex_;
   bool initialized_ = false;  // guarded by mutex_
