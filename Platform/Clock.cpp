@@ -1,0 +1,54 @@
+#include "Platform/Clock.h"
+
+#include <atomic>
+
+namespace Lum {
+namespace Core {
+
+namespace {
+const Clock kSystemClock;
+std::atomic<const Clock*> gClock{&kSystemClock};
+constexpr long kNanosPerSecond = 1000000000L;
+}  // namespace
+
+timespec Clock::monotonic() const {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now;
+}
+
+timespec Clock::wall() const {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+const Clock& Clock::Current() { return *gClock.load(std::memory_order_acquire); }
+
+void Clock::Set(const Clock* clock) {
+  gClock.store(clock != nullptr ? clock : &kSystemClock, std::memory_order_release);
+}
+
+timespec AddMilliseconds(const timespec& base, unsigned long long ms) {
+  timespec out = base;
+  out.tv_sec += static_cast<time_t>(ms / 1000);
+  out.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+  if (out.tv_nsec >= kNanosPerSecond) {
+    out.tv_sec += 1;
+    out.tv_nsec -= kNanosPerSecond;
+  }
+  return out;
+}
+
+bool IsBefore(const timespec& a, const timespec& b) {
+  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
+long long DiffMilliseconds(const timespec& a, const timespec& b) {
+  long long seconds = static_cast<long long>(a.tv_sec) - static_cast<long long>(b.tv_sec);
+  long long nanos = static_cast<long long>(a.tv_nsec) - static_cast<long long>(b.tv_nsec);
+  return seconds * 1000 + nanos / 1000000;
+}
+
+}  // namespace Core
+}  // namespace Lum

@@ -1,0 +1,50 @@
+#include "Platform/JsonUtil.h"
+
+#include <memory>
+
+namespace Lum {
+namespace Core {
+
+namespace {
+
+std::unique_ptr<LumJson::CharReader> NewStrictReader() {
+  LumJson::CharReaderBuilder builder;
+  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
+  return std::unique_ptr<LumJson::CharReader>(builder.newCharReader());
+}
+
+const LumJson::Value* Member(const LumJson::Value& object, const char* key) {
+  return object.isObject() ? object.find(key, key + std::char_traits<char>::length(key)) : nullptr;
+}
+
+}  // namespace
+
+bool JsonUtil::ParseStrict(const std::string& text, LumJson::Value& out) {
+  std::string errors;
+  return NewStrictReader()->parse(text.data(), text.data() + text.size(), &out, &errors);
+}
+
+std::string JsonUtil::WriteCompact(const LumJson::Value& value) {
+  LumJson::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return LumJson::writeString(builder, value);
+}
+
+std::string JsonUtil::ReadText(const LumJson::Value& object, const char* key,
+                               const std::string& fallback) {
+  const LumJson::Value* member = Member(object, key);
+  return member != nullptr && member->isString() ? member->asString() : fallback;
+}
+
+bool JsonUtil::ReadBool(const LumJson::Value& object, const char* key, bool fallback) {
+  const LumJson::Value* member = Member(object, key);
+  return member != nullptr && member->isBool() ? member->asBool() : fallback;
+}
+
+uint32_t JsonUtil::ReadUnsigned(const LumJson::Value& object, const char* key, uint32_t fallback) {
+  const LumJson::Value* member = Member(object, key);
+  return member != nullptr && member->isUInt() ? member->asUInt() : fallback;
+}
+
+}  // namespace Core
+}  // namespace Lum
