@@ -1,0 +1,207 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Platform/LumJson.h"
+#include "tools/backend/HttpExchange.h"
+#include "tools/pki/TestPki.h"
+
+namespace Lum {
+namespace Tools {
+
+class TlsServer;
+
+struct BackendOptions {
+  std::string bindAddress = "127.0.0.1";
+  int port = 0;  // 0: an ephemeral port, read it back with Backend::port()
+  ServerCertKind serverCert = ServerCertKind::Default;
+  OcspMode ocsp = OcspMode::Good;
+  TlsVersion minTls = TlsVersion::Tls1_2;
+  TlsVersion maxTls = TlsVersion::Tls1_3;
+  // How long an idle keep-alive connection is kept open.
+  std::chrono::milliseconds idleTimeout{5000};
+  // Called after every answer (or drop) with the finished record, on the
+  // connection's thread; the command-line back end prints from here.
+  std::function<void(const RecordedRequest&)> onRequest;
+};
+
+// Fault injected into the answers of one path ("*" for every path). The
+// aspects combine: e.g. a delay followed by a status.
+struct Fault {
+  int count = 1;  // answers affected; negative: until cleared
+  std::chrono::milliseconds delay{0};  // wait before answering (cut short by stop)
+  int status = 0;                      // answer this status with an empty JSON body
+  bool notJson = false;                // answer 200 with a body that is not JSON
+  bool drop = false;                   // close the connection without an answer
+  // Send status line and headers, then hang this long (or until stop) and close.
+  std::chrono::milliseconds stallAfterHeaders{0};
+};
+
+// What the back end knows of one device (by client-certificate CN).
+struct DeviceView {
+  std::string commonName;
+  std::string gidToken;         // current token, empty before the first "da/gidtoken"
+  LumJson::Value reportedState; // members of the last "da/state" body (null before)
+  uint32_t opidSeqNum = 0;
+  uint32_t gidSeqNum = 0;
+  unsigned tokensIssued = 0;
+  unsigned stateCalls = 0;
+  unsigned notificationCalls = 0;
+  bool deliveryPending = false;  // pushed changes or events not yet delivered
+};
+
+// The local device-agent back end: a mutual-TLS HTTPS server on loopback with
+// the core paths under "/api/v1/", a control interface for tests, fault
+// injection and a record of every request.
+//
+// Paths:
+//   POST /api/v1/da/gidtoken      issues {"daGidToken": ...} for the client's CN
+//   POST /api/v1/da/state         422 unless "Authorization" holds the device's
+//                                 token; stores the body, answers "daSynchronized",
+//                                 sequence numbers, pushed tunables, allowed ids,
+//                                 consent URL and undelivered "daEvents"
+//   POST /api/v1/da/notification  422 as above; "daStateSynchronized" false while
+//                                 something pushed is undelivered
+//   any  /test/method             answers the method text exactly as received
+//   any  /test/bytes/N            answers N bytes ("application/octet-stream")
+//   anything else                 404
+//
+// All public operations are thread-safe. stop() (also run by the destructor)
+// wakes delayed and stalled answers and joins every thread.
+class Backend {
+ public:
+  using RouteHandler = std::function<void(const RecordedRequest&, Reply&)>;
+
+  Backend(const TestPki& pki, BackendOptions options = BackendOptions());
+  ~Backend();
+  Backend(const Backend&) = delete;
+  Backend& operator=(const Backend&) = delete;
+
+  // Binds and starts serving; false (reason in *error) when the TLS set-up or
+  // the bind fails.
+  bool start(std::string* error = nullptr);
+  void stop();
+  int port() const;
+  // "https://OPID-da.lum.localhost:PORT", the base the agent derives from the
+  // device certificate "OPID.lum.localhost:PORT".
+  std::string baseUrl(const std::string& opid) const;
+
+  // TLS behaviour; takes effect for new connections.
+  void setOcspMode(OcspMode mode);
+  bool setServerCert(ServerCertKind kind, std::string* error = nullptr);
+  bool setTlsRange(TlsVersion minVersion, TlsVersion maxVersion, std::string* error = nullptr);
+
+  // Routes (exact path, or a prefix for addPrefixRoute); a later one replaces
+  // an earlier one of the same path. Handlers run on connection threads
+  // without any back-end lock held.
+  void addRoute(const std::string& path, RouteHandler handler);
+  void addPrefixRoute(const std::string& prefix, RouteHandler handler);
+
+  // Control of the core answers. Pushed values go to every device: each device
+  // gets them in its next "da/state" answer, with a bumped sequence number.
+  void pushTunables(const LumJson::Value& members);  // merged into the state answer
+  void setAllowedDataItemIds(const std::vector<std::string>& ids);
+  void setConsentUrl(const std::string& url);
+  void queueEvent(const std::string& event, uint32_t id = 0, const std::string& parameters = "");
+  void setSynchronizedAnswer(bool synchronized);  // "daSynchronized" (default true)
+  // Forgets the device's token (all devices when `commonName` is empty), so
+  // its next state or notification call is answered 422.
+  void revokeGidToken(const std::string& commonName = "");
+  bool device(const std::string& commonName, DeviceView* view) const;
+  std::vector<std::string> deviceNames() const;
+
+  // Faults, per path ("/api/v1/da/state") or "*" for every path.
+  void injectFault(const std::string& path, const Fault& fault);
+  void clearFaults();
+
+  // The record of requests.
+  std::vector<RecordedRequest> requests() const;
+  std::vector<RecordedRequest> requestsTo(const std::string& path) const;
+  size_t requestCount() const;
+  size_t requestCount(const std::string& path) const;
+  void clearRequests();
+  // Wait until at least n requests (to `path`, when given) have arrived.
+  bool waitForRequests(size_t n, std::chrono::milliseconds timeout) const;
+  bool waitForRequests(const std::string& path, size_t n, std::chrono::milliseconds timeout) const;
+  // Wait until at least n requests have been answered (status set).
+  bool waitForAnswers(size_t n, std::chrono::milliseconds timeout) const;
+
+ private:
+  struct DeviceRecord {
+    std::string gidToken;
+    LumJson::Value reportedState;
+    uint32_t opidSeqNum = 1;
+    uint32_t gidSeqNum = 0;
+    uint64_t deliveredConfig = 0;  // configVersion_ last delivered
+    size_t deliveredEvents = 0;    // events_ delivered so far
+    unsigned tokensIssued = 0;
+    unsigned stateCalls = 0;
+    unsigned notificationCalls = 0;
+  };
+  struct RouteEntry {
+    std::string path;
+    bool prefix = false;
+    RouteHandler handler;
+  };
+
+  void installCoreRoutes();
+  void handle(RecordedRequest& request, Reply& reply);
+  bool applyFault(const RecordedRequest& request, Reply& reply);
+  bool takeFault(const std::string& path, Fault* fault);
+  bool waitUnlessStopping(std::chrono::milliseconds duration);
+  RouteHandler findRoute(const std::string& path) const;
+  void recordArrival(RecordedRequest& request);
+  void recordAnswer(const RecordedRequest& request, int status);
+
+  void handleGidToken(const RecordedRequest& request, Reply& reply);
+  void handleState(const RecordedRequest& request, Reply& reply);
+  void handleNotification(const RecordedRequest& request, Reply& reply);
+  DeviceRecord& deviceFor(const std::string& commonName);
+  bool authorized(const RecordedRequest& request, DeviceRecord** device);
+  bool deliveryPending(const DeviceRecord& device) const;
+  LumJson::Value stateAnswer(DeviceRecord& device);
+
+  const TestPki& pki_;       // immutable, outlives the back end
+  const BackendOptions options_;
+  std::unique_ptr<TlsServer> server_;  // guarded by lifeMutex_ for start/stop
+
+  mutable std::mutex lifeMutex_;  // serialises start() and stop()
+
+  mutable std::mutex stopMutex_;
+  std::condition_variable stopCv_;  // wakes delayed answers on stop
+  bool stopping_ = false;           // guarded by stopMutex_
+
+  mutable std::mutex routeMutex_;
+  std::vector<RouteEntry> routes_;  // guarded by routeMutex_
+
+  // Everything below is guarded by stateMutex_.
+  mutable std::mutex stateMutex_;
+  std::map<std::string, DeviceRecord> devices_;
+  LumJson::Value pushedTunables_{LumJson::objectValue};
+  bool allowedIdsSet_ = false;
+  std::vector<std::string> allowedIds_;
+  std::string consentUrl_;
+  bool consentUrlSet_ = false;
+  uint64_t configVersion_ = 0;  // bumped by every push of tunables, ids or URL
+  LumJson::Value events_{LumJson::arrayValue};  // every queued event, in order
+  bool synchronizedAnswer_ = true;
+  unsigned long tokenCounter_ = 0;
+  std::map<std::string, Fault> faults_;
+
+  // The record, guarded by recordMutex_; recordCv_ signals arrivals and answers.
+  mutable std::mutex recordMutex_;
+  mutable std::condition_variable recordCv_;
+  std::vector<RecordedRequest> records_;
+  unsigned long nextSequence_ = 1;
+};
+
+}  // namespace Tools
+}  // namespace Lum
