@@ -1,6 +1,9 @@
 #pragma once
 
+#include <atomic>
+
 #include "Platform/FilterProperties.h"
+#include "Platform/FunctionTrace.h"
 #include "Platform/LumJson.h"
 #include "Platform/Mutex.h"
 
@@ -18,7 +21,8 @@ class Logger {
   void terminate();
 
   // Whether any appender passes this classification. Callers test before
-  // formatting so that disabled logging costs no formatting at all.
+  // formatting so that disabled logging costs no formatting at all; the test
+  // itself takes no lock, so it costs a few loads.
   bool test(int service, int category, int severity);
 
   void log(const char* file, int line, const char* function, int service, int category,
@@ -29,24 +33,9 @@ class Logger {
 
   Mutex mutex_;
   bool initialized_ = false;  // guarded by mutex_
-};
-
-// Logs "Function Enter" on construction and "Function Return" on destruction
-// (category flow, severity debug) when that is enabled for the service.
-class FunctionTrace {
- public:
-  FunctionTrace(const char* function, const char* file, int line, int service);
-  ~FunctionTrace();
-  FunctionTrace(const FunctionTrace&) = delete;
-  FunctionTrace& operator=(const FunctionTrace&) = delete;
-
- private:
-  const char* function_;
-  const char* file_;
-  int line_;
-  int service_;
-  int category_;
-  int severity_;
+  // Mirrors initialized_ for the lock-free test(). Written under mutex_:
+  // set after the appenders exist, cleared before they are deleted.
+  std::atomic<bool> enabled_{false};
 };
 
 }  // namespace Core
