@@ -1,0 +1,510 @@
+#include "Platform/FileUtil.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <vector>
+
+#include "Platform/FileOperations.h"
+#include "Platform/LockMutex.h"
+#include "Platform/Logger.h"
+
+LUM_SOURCE_FILE("Platform/FileUtil");
+
+namespace Lum {
+namespace Core {
+
+namespace {
+
+using FP = FilterProperties;
+
+constexpr char kSidecarHeader[] = "lumfile 1";
+constexpr mode_t kFileMode = 0600;  // the state holds the device's credentials
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kDigestHexLength = 64;
+
+struct Paths {
+  std::string directory;  // as given; "" means the working directory
+  std::string current;
+  std::string previous;
+  std::string sidecar;
+  std::string currentTemp;
+  std::string sidecarTemp;
+};
+
+// One version the sidecar vouches for.
+struct Entry {
+  uint64_t version = 0;
+  uint64_t size = 0;
+  std::string digest;
+};
+
+enum class ReadStatus { kOk, kAbsent, kFailed };
+
+// One of the two content files as found on disk.
+struct Candidate {
+  ReadStatus status = ReadStatus::kAbsent;
+  std::string content;
+  std::string digest;
+  bool intact = false;   // vouched for by the sidecar
+  uint64_t version = 0;  // meaningful when intact
+};
+
+enum class SidecarStatus { kAbsent, kValid, kDamaged };
+
+struct Sidecar {
+  SidecarStatus status = SidecarStatus::kAbsent;
+  std::vector<Entry> entries;
+};
+
+// A name is one file in the directory: anything that would reach elsewhere
+// is refused.
+bool IsValidName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+Paths MakePaths(const std::string& directory, const std::string& name) {
+  std::string prefix = directory;
+  if (!prefix.empty() && prefix.back() != '/') {
+    prefix += '/';
+  }
+  Paths paths;
+  paths.directory = directory;
+  paths.current = prefix + name;
+  paths.previous = paths.current + ".prev";
+  paths.sidecar = paths.current + ".sum";
+  paths.currentTemp = paths.current + ".tmp";
+  paths.sidecarTemp = paths.sidecar + ".tmp";
+  return paths;
+}
+
+std::string Digest(const std::string& content) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(content.data(), content.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+    return std::string();  // matches no entry, so the content counts as damaged
+  }
+  static const char kHex[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(2 * length);
+  for (unsigned int i = 0; i < length; ++i) {
+    hex += kHex[digest[i] >> 4];
+    hex += kHex[digest[i] & 0x0f];
+  }
+  return hex;
+}
+
+bool IsLowerHex(const std::string& text) {
+  return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+std::string FormatSidecar(const std::vector<Entry>& entries) {
+  std::string text = std::string(kSidecarHeader) + "\n";
+  for (const Entry& entry : entries) {
+    char line[64];
+    snprintf(line, sizeof line, "%" PRIu64 " %" PRIu64 " ", entry.version, entry.size);
+    text += line + entry.digest + "\n";
+  }
+  return text;
+}
+
+bool ParseEntry(const std::string& line, Entry* entry) {
+  char digest[kDigestHexLength + 2] = {0};
+  int consumed = 0;
+  // %65s reads one character more than a digest has, so a longer one is caught.
+  if (sscanf(line.c_str(), "%" SCNu64 " %" SCNu64 " %65s%n", &entry->version, &entry->size, digest,
+             &consumed) != 3 ||
+      static_cast<size_t>(consumed) != line.size() || line[0] == '-') {
+    return false;
+  }
+  entry->digest = digest;
+  return entry->digest.size() == kDigestHexLength && IsLowerHex(entry->digest);
+}
+
+// Strict: a sidecar that is not exactly what FormatSidecar writes is damaged.
+bool ParseSidecar(const std::string& text, std::vector<Entry>* entries) {
+  std::istringstream in(text);
+  std::string line;
+  if (!std::getline(in, line) || line != kSidecarHeader) {
+    return false;
+  }
+  while (std::getline(in, line)) {
+    Entry entry;
+    if (!ParseEntry(line, &entry)) {
+      return false;
+    }
+    entries->push_back(entry);
+  }
+  return !entries->empty() && !text.empty() && text.back() == '\n';
+}
+
+ReadStatus ReadWhole(FileOperations& ops, const std::string& path, std::string* content) {
+  content->clear();
+  int fd = ops.open(path.c_str(), O_RDONLY, 0);
+  if (fd < 0) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      return ReadStatus::kAbsent;
+    }
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot open %s: %s",
+            path.c_str(), strerror(errno));
+    return ReadStatus::kFailed;
+  }
+  std::vector<char> chunk(kReadChunk);
+  for (;;) {
+    ssize_t n = ops.read(fd, chunk.data(), chunk.size());
+    if (n < 0) {
+      LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot read %s: %s",
+              path.c_str(), strerror(errno));
+      ops.close(fd);
+      content->clear();
+      return ReadStatus::kFailed;
+    }
+    if (n == 0) {
+      break;
+    }
+    content->append(chunk.data(), static_cast<size_t>(n));
+  }
+  ops.close(fd);
+  return ReadStatus::kOk;
+}
+
+bool WriteAll(FileOperations& ops, int fd, const std::string& content) {
+  size_t done = 0;
+  while (done < content.size()) {
+    ssize_t n = ops.write(fd, content.data() + done, content.size() - done);
+    if (n < 0) {
+      return false;
+    }
+    if (n == 0) {  // no progress and no error: give up rather than spin
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Writes a complete, synced file, so that renaming it afterwards can only
+// ever expose the whole content.
+bool WriteDurably(FileOperations& ops, const std::string& path, const std::string& content) {
+  int fd = ops.open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
+  if (fd < 0) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot create %s: %s",
+            path.c_str(), strerror(errno));
+    return false;
+  }
+  const char* failed = nullptr;
+  if (!WriteAll(ops, fd, content)) {
+    failed = "write";
+  } else if (ops.fsync(fd) != 0) {
+    failed = "sync";
+  }
+  int error = errno;
+  // Some file systems report deferred write errors only at close.
+  if (ops.close(fd) != 0 && failed == nullptr) {
+    failed = "close";
+    error = errno;
+  }
+  if (failed != nullptr) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot %s %s: %s", failed,
+            path.c_str(), strerror(error));
+    ops.unlink(path.c_str());
+    return false;
+  }
+  return true;
+}
+
+// Makes the renames done so far in the directory durable.
+bool SyncDirectory(FileOperations& ops, const std::string& directory) {
+  const std::string path = directory.empty() ? "." : directory;
+  int fd = ops.open(path.c_str(), O_RDONLY | O_DIRECTORY, 0);
+  if (fd < 0) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Cannot open directory %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  bool synced = ops.fsync(fd) == 0;
+  int error = errno;
+  ops.close(fd);
+  if (!synced) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Cannot sync directory %s: %s", path.c_str(), strerror(error));
+  }
+  return synced;
+}
+
+bool Rename(FileOperations& ops, const std::string& from, const std::string& to) {
+  if (ops.rename(from.c_str(), to.c_str()) != 0) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot rename %s to %s: %s",
+            from.c_str(), to.c_str(), strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+Sidecar ReadSidecar(FileOperations& ops, const Paths& paths) {
+  Sidecar sidecar;
+  std::string text;
+  ReadStatus status = ReadWhole(ops, paths.sidecar, &text);
+  if (status == ReadStatus::kAbsent) {
+    return sidecar;
+  }
+  sidecar.status = status == ReadStatus::kOk && ParseSidecar(text, &sidecar.entries)
+                       ? SidecarStatus::kValid
+                       : SidecarStatus::kDamaged;
+  if (sidecar.status == SidecarStatus::kDamaged) {
+    sidecar.entries.clear();
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Checksum file %s is unreadable, reading %s unchecked", paths.sidecar.c_str(),
+            paths.current.c_str());
+  }
+  return sidecar;
+}
+
+// Reads one content file and checks it against the sidecar. The same content
+// stored twice is listed twice; the newer version counts.
+Candidate ReadCandidate(FileOperations& ops, const std::string& path, const Sidecar& sidecar) {
+  Candidate candidate;
+  candidate.status = ReadWhole(ops, path, &candidate.content);
+  if (candidate.status != ReadStatus::kOk) {
+    return candidate;
+  }
+  candidate.digest = Digest(candidate.content);
+  for (const Entry& entry : sidecar.entries) {
+    if (entry.size == candidate.content.size() && entry.digest == candidate.digest &&
+        (!candidate.intact || entry.version > candidate.version)) {
+      candidate.intact = true;
+      candidate.version = entry.version;
+    }
+  }
+  return candidate;
+}
+
+void LogDamaged(const std::string& path) {
+  LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+          "%s does not match its checksum, ignoring it", path.c_str());
+}
+
+uint64_t HighestVersion(const Sidecar& sidecar) {
+  uint64_t highest = 0;
+  for (const Entry& entry : sidecar.entries) {
+    highest = entry.version > highest ? entry.version : highest;
+  }
+  return highest;
+}
+
+Entry MakeEntry(uint64_t version, const std::string& content, const std::string& digest) {
+  Entry entry;
+  entry.version = version;
+  entry.size = content.size();
+  entry.digest = digest;
+  return entry;
+}
+
+// What Store keeps as the fallback version, and whether that means moving the
+// current file aside first.
+struct Fallback {
+  bool exists = false;
+  bool demoteCurrent = false;
+  Entry entry;
+};
+
+Fallback ChooseFallback(FileOperations& ops, const Paths& paths, const Sidecar& sidecar) {
+  Fallback fallback;
+  if (sidecar.status != SidecarStatus::kValid) {
+    // Unchecked content (hand-written, or from an older agent) is taken as
+    // it is, the oldest version there can be.
+    std::string content;
+    if (ReadWhole(ops, paths.current, &content) == ReadStatus::kOk) {
+      fallback.exists = true;
+      fallback.demoteCurrent = true;
+      fallback.entry = MakeEntry(0, content, Digest(content));
+    }
+    return fallback;
+  }
+  Candidate current = ReadCandidate(ops, paths.current, sidecar);
+  if (current.intact) {
+    fallback.exists = true;
+    fallback.demoteCurrent = true;
+    fallback.entry = MakeEntry(current.version, current.content, current.digest);
+    return fallback;
+  }
+  if (current.status == ReadStatus::kOk) {
+    LogDamaged(paths.current);
+  }
+  // The current file is missing or damaged: keep the previous one where it is.
+  Candidate previous = ReadCandidate(ops, paths.previous, sidecar);
+  if (previous.intact) {
+    fallback.exists = true;
+    fallback.entry = MakeEntry(previous.version, previous.content, previous.digest);
+  }
+  return fallback;
+}
+
+// Step 2 of Store: after this the sidecar vouches for both the new content
+// and the fallback, before either content file changes.
+bool PublishSidecar(FileOperations& ops, const Paths& paths, const Entry& newest,
+                    const Fallback& fallback) {
+  std::vector<Entry> entries{newest};
+  if (fallback.exists) {
+    entries.push_back(fallback.entry);
+  }
+  if (!WriteDurably(ops, paths.sidecarTemp, FormatSidecar(entries))) {
+    return false;
+  }
+  if (!Rename(ops, paths.sidecarTemp, paths.sidecar)) {
+    ops.unlink(paths.sidecarTemp.c_str());
+    return false;
+  }
+  return SyncDirectory(ops, paths.directory);
+}
+
+// Steps 3 and 4 of Store.
+bool PublishContent(FileOperations& ops, const Paths& paths, const Fallback& fallback) {
+  if (fallback.demoteCurrent && !Rename(ops, paths.current, paths.previous)) {
+    return false;
+  }
+  if (!Rename(ops, paths.currentTemp, paths.current)) {
+    return false;
+  }
+  return SyncDirectory(ops, paths.directory);
+}
+
+bool RemoveIfPresent(FileOperations& ops, const std::string& path, bool* removed) {
+  if (ops.unlink(path.c_str()) == 0) {
+    *removed = true;
+    return true;
+  }
+  if (errno == ENOENT || errno == ENOTDIR) {
+    return true;
+  }
+  LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot delete %s: %s",
+          path.c_str(), strerror(errno));
+  return false;
+}
+
+void LogInvalidName(const std::string& name) {
+  LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Invalid file name \"%s\"",
+          name.c_str());
+}
+
+}  // namespace
+
+FileOperations* FileUtil::operations_ = nullptr;
+
+Mutex& FileUtil::GetMutex() {
+  static Mutex mutex;
+  return mutex;
+}
+
+FileOperations& FileUtil::Operations() {
+  static FileOperations posix;
+  return operations_ != nullptr ? *operations_ : posix;
+}
+
+void FileUtil::SetOperations(FileOperations* operations) {
+  LockMutex lock(&GetMutex());
+  operations_ = operations;
+}
+
+std::string FileUtil::Load(const std::string& directory, const std::string& name) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name)) {
+    LogInvalidName(name);
+    return std::string();
+  }
+  LockMutex lock(&GetMutex());
+  FileOperations& ops = Operations();
+  const Paths paths = MakePaths(directory, name);
+  const Sidecar sidecar = ReadSidecar(ops, paths);
+  if (sidecar.status != SidecarStatus::kValid) {
+    std::string content;
+    ReadWhole(ops, paths.current, &content);
+    return content;
+  }
+  Candidate current = ReadCandidate(ops, paths.current, sidecar);
+  if (current.intact) {
+    return current.content;
+  }
+  if (current.status == ReadStatus::kOk) {
+    LogDamaged(paths.current);
+  }
+  Candidate previous = ReadCandidate(ops, paths.previous, sidecar);
+  if (previous.intact) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Using the previous version %" PRIu64 " of %s", previous.version,
+            paths.current.c_str());
+    return previous.content;
+  }
+  if (previous.status == ReadStatus::kOk) {
+    LogDamaged(paths.previous);
+  }
+  if (current.status != ReadStatus::kAbsent || previous.status != ReadStatus::kAbsent) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "No intact version of %s is left", paths.current.c_str());
+  }
+  return std::string();
+}
+
+bool FileUtil::Store(const std::string& directory, const std::string& name,
+                     const std::string& content) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name)) {
+    LogInvalidName(name);
+    return false;
+  }
+  LockMutex lock(&GetMutex());
+  FileOperations& ops = Operations();
+  const Paths paths = MakePaths(directory, name);
+  const Sidecar sidecar = ReadSidecar(ops, paths);
+  const Fallback fallback = ChooseFallback(ops, paths, sidecar);
+  uint64_t highest = HighestVersion(sidecar);
+  if (fallback.exists && fallback.entry.version > highest) {
+    highest = fallback.entry.version;
+  }
+  const Entry newest = MakeEntry(highest + 1, content, Digest(content));
+
+  if (!WriteDurably(ops, paths.currentTemp, content)) {
+    return false;
+  }
+  if (!PublishSidecar(ops, paths, newest, fallback) || !PublishContent(ops, paths, fallback)) {
+    ops.unlink(paths.currentTemp.c_str());
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Storing %s failed, its previous content is kept", paths.current.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool FileUtil::Drop(const std::string& directory, const std::string& name) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name)) {
+    LogInvalidName(name);
+    return false;
+  }
+  LockMutex lock(&GetMutex());
+  FileOperations& ops = Operations();
+  const Paths paths = MakePaths(directory, name);
+  // Oldest first and the sidecar last: an interrupted Drop leaves either the
+  // newest content, still vouched for, or nothing, but never brings back an
+  // older version.
+  bool removed = false;
+  bool clean = true;
+  for (const std::string* path :
+       {&paths.currentTemp, &paths.sidecarTemp, &paths.previous, &paths.current, &paths.sidecar}) {
+    clean = RemoveIfPresent(ops, *path, &removed) && clean;
+  }
+  if (removed && !SyncDirectory(ops, paths.directory)) {
+    return false;
+  }
+  return clean;
+}
+
+}  // namespace Core
+}  // namespace Lum

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/Mutex.h"
+
+namespace Lum {
+namespace Core {
+
+class FileOperations;
+
+// Small files that must survive power loss at any instant: the agent's state
+// and tunables, the time of its last back-end call, the data queue.
+//
+// On-disk layout for a file `name` in `directory`:
+//
+//   name       the newest content, byte for byte as stored, so a person can
+//              open it with an editor and an older agent can read it as-is.
+//   name.prev  the content stored before it, kept as a fallback.
+//   name.sum   the checksum sidecar, a short text:
+//                  lumfile 1
+//                  <version> <size> <sha256 of the content, lowercase hex>
+//                  <version> <size> <sha256 ...>            (optional)
+//              one line per version it vouches for, newest first. Versions
+//              count up by one per Store.
+//   name.tmp, name.sum.tmp   scratch files of a Store in progress; Load ignores
+//              them and the next Store overwrites them.
+//
+// Store(content) runs these steps; every file is fsynced before it is renamed:
+//   1. write name.tmp with the content;
+//   2. write name.sum.tmp listing the new version and the version being kept
+//      as fallback (the intact current one, else the intact previous one),
+//      rename it over name.sum, fsync the directory;
+//   3. if the current file is intact, rename name over name.prev;
+//   4. rename name.tmp over name, fsync the directory.
+// Load takes name when name.sum vouches for its size and checksum, otherwise
+// name.prev when name.sum vouches for that, otherwise nothing. What a crash
+// leaves behind at each point, and what Load then returns:
+//   during 1 or 2 before its rename:  old sidecar, old files       -> old
+//   after 2:      sidecar lists new and old, name is old           -> old
+//   after 3:      name is missing, name.prev is old                -> old
+//   after 4:      name is new and listed                           -> new
+// The sidecar is renamed, and the directory synced, before name changes, so a
+// name the sidecar does not vouch for is never the newest content: it is
+// damaged, and the previous version is used instead. Step 3 needs no
+// directory sync of its own: were step 4 to reach the disk without it, name
+// would still be the new, listed content.
+//
+// A name without a readable sidecar (written by hand or by an older agent) is
+// read as it is, and becomes the fallback version at the next Store. Editing a
+// stored file by hand therefore means deleting name.sum as well; otherwise the
+// edit looks like damage and Load falls back to the previous version.
+//
+// All operations are serialised by one process-wide mutex, so two threads
+// storing the same name cannot mix their scratch files. Failures are logged
+// and reported as false or "": nothing throws. The logger must never store
+// through FileUtil, since FileUtil logs while holding its mutex.
+class FileUtil {
+ public:
+  // The newest intact content, or "" when there is none or it is unreadable.
+  static std::string Load(const std::string& directory, const std::string& name);
+  // True once the content is durably the newest version. False leaves the
+  // previous content loadable; only a failure of the very last directory sync
+  // can leave the new content in place (visible, but not known to be durable).
+  static bool Store(const std::string& directory, const std::string& name,
+                    const std::string& content);
+  // Removes every version and the sidecar; true when nothing of name is left.
+  static bool Drop(const std::string& directory, const std::string& name);
+
+  // Routes every system call through `operations` (not owned; it must outlive
+  // its use); nullptr restores the plain POSIX calls. For fault injection.
+  static void SetOperations(FileOperations* operations);
+
+ private:
+  static Mutex& GetMutex();
+  static FileOperations& Operations();  // guarded by GetMutex()
+
+  static FileOperations* operations_;  // guarded by GetMutex(); nullptr = POSIX
+};
+
+}  // namespace Core
+}  // namespace Lum
