@@ -19,6 +19,7 @@ struct Probe {
   std::atomic<int> runs{0};
   std::atomic<bool> ready{false};
   std::atomic<bool> release{false};
+  std::atomic<bool> done{false};  // last touch of the probe by the thread
   char name[32] = {};
   std::string threadId;
 };
@@ -30,6 +31,7 @@ void* RecordAndWait(void* arg) {
   probe->threadId = ThreadUtil::GetThreadIdAsString();
   probe->ready.store(true);
   LumTest::WaitFor([probe] { return probe->release.load(); }, std::chrono::seconds(30));
+  probe->done.store(true);
   return nullptr;
 }
 
@@ -113,7 +115,7 @@ TEST(ThreadUtilTest, JoinAndDetachOnNeverStartedThreadDoNothing) {
 }
 
 TEST(ThreadUtilTest, DetachClearsStartedAndThreadRunsOn) {
-  static Probe probe;  // outlives the detached thread
+  Probe probe;
   Thread thread;
   ThreadUtil::Start(thread, RecordAndWait, &probe, "Detached");
   ASSERT_TRUE(thread.started());
@@ -122,8 +124,10 @@ TEST(ThreadUtilTest, DetachClearsStartedAndThreadRunsOn) {
   // A second detach (or a join) of the cleared handle must not touch it.
   ThreadUtil::Detach(thread);
   ThreadUtil::Join(thread);
-  EXPECT_TRUE(LumTest::WaitFor([] { return probe.ready.load(); }));
+  EXPECT_TRUE(LumTest::WaitFor([&probe] { return probe.ready.load(); }));
   probe.release.store(true);
+  // Nobody can join it any more; wait until it no longer uses the probe.
+  EXPECT_TRUE(LumTest::WaitFor([&probe] { return probe.done.load(); }));
 }
 
 TEST(ThreadUtilTest, RestartAfterJoinCreatesNewThread) {
