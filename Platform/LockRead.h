@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Platform/RWLock.h"
+
+namespace Lum {
+namespace Core {
+
+// Holds the read side (shared with other readers) of an RWLock for its own lifetime.
+class LockRead {
+ public:
+  explicit LockRead(RWLock* lock);
+  ~LockRead();
+  LockRead(const LockRead&) = delete;
+  LockRead& operator=(const LockRead&) = delete;
+
+ private:
+  RWLock* lock_;  // set once at construction
+};
+
+}  // namespace Core
+}  // namespace Lum

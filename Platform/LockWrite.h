@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Platform/RWLock.h"
+
+namespace Lum {
+namespace Core {
+
+// Holds the write side (exclusive) of an RWLock for its own lifetime.
+class LockWrite {
+ public:
+  explicit LockWrite(RWLock* lock);
+  ~LockWrite();
+  LockWrite(const LockWrite&) = delete;
+  LockWrite& operator=(const LockWrite&) = delete;
+
+ private:
+  RWLock* lock_;  // set once at construction
+};
+
+}  // namespace Core
+}  // namespace Lum
