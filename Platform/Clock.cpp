@@ -50,5 +50,18 @@ long long DiffMilliseconds(const timespec& a, const timespec& b) {
   return seconds * 1000 + nanos / 1000000;
 }
 
+timespec FromMilliseconds(long long ms) {
+  long long seconds = ms / 1000;
+  long long rest = ms % 1000;
+  if (rest < 0) {
+    rest += 1000;
+    seconds -= 1;
+  }
+  timespec out{};
+  out.tv_sec = static_cast<time_t>(seconds);
+  out.tv_nsec = static_cast<long>(rest) * 1000000L;
+  return out;
+}
+
 }  // namespace Core
 }  // namespace Lum

@@ -30,6 +30,9 @@ timespec AddMilliseconds(const timespec& base, unsigned long long ms);
 bool IsBefore(const timespec& a, const timespec& b);
 // a - b in milliseconds (negative when a is before b).
 long long DiffMilliseconds(const timespec& a, const timespec& b);
+// Milliseconds since the clock's origin, negative ones included, as timespec
+// with 0 <= tv_nsec < 1e9.
+timespec FromMilliseconds(long long ms);
 
 }  // namespace Core
 }  // namespace Lum
