@@ -12,12 +12,11 @@
 
 #include "Platform/LumJson.h"
 #include "tools/backend/HttpExchange.h"
+#include "tools/backend/TlsServer.h"
 #include "tools/pki/TestPki.h"
 
 namespace Lum {
 namespace Tools {
-
-class TlsServer;
 
 struct BackendOptions {
   std::string bindAddress = "127.0.0.1";
@@ -169,11 +168,22 @@ class Backend {
   bool deliveryPending(const DeviceRecord& device) const;
   LumJson::Value stateAnswer(DeviceRecord& device);
 
-  const TestPki& pki_;       // immutable, outlives the back end
-  const BackendOptions options_;
-  std::unique_ptr<TlsServer> server_;  // guarded by lifeMutex_ for start/stop
+  TlsSettings tlsSettings() const;
+  std::string ocspDer() const;
+  bool reconfigureTls(std::string* error);
 
-  mutable std::mutex lifeMutex_;  // serialises start() and stop()
+  const TestPki& pki_;  // immutable, outlives the back end
+  const BackendOptions options_;
+
+  // lifeMutex_ serialises start(), stop() and the TLS set-up; it guards the
+  // members up to port_.
+  mutable std::mutex lifeMutex_;
+  std::unique_ptr<TlsServer> server_;
+  ServerCertKind serverCert_;
+  OcspMode ocspMode_;
+  TlsVersion minTls_;
+  TlsVersion maxTls_;
+  int port_ = 0;
 
   mutable std::mutex stopMutex_;
   std::condition_variable stopCv_;  // wakes delayed answers on stop

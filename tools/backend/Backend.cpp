@@ -1,0 +1,629 @@
+#include "tools/backend/Backend.h"
+
+#include <openssl/rand.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+namespace Lum {
+namespace Tools {
+
+namespace {
+
+constexpr const char* kGidTokenPath = "/api/v1/da/gidtoken";
+constexpr const char* kStatePath = "/api/v1/da/state";
+constexpr const char* kNotificationPath = "/api/v1/da/notification";
+constexpr const char* kMethodPath = "/test/method";
+constexpr const char* kBytesPrefix = "/test/bytes/";
+constexpr const char* kAnyPath = "*";
+constexpr size_t kMaxTestBytes = 1024u * 1024u * 1024u;
+constexpr const char* kNotJsonBody = "<html><body>Service temporarily unavailable</body></html>";
+
+std::string Compact(const LumJson::Value& value) {
+  LumJson::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  return LumJson::writeString(writer, value);
+}
+
+bool ParseJson(const std::string& text, LumJson::Value* value) {
+  LumJson::CharReaderBuilder builder;
+  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
+  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
+  std::string errors;
+  return reader->parse(text.data(), text.data() + text.size(), value, &errors);
+}
+
+std::string ErrorBody(const std::string& text) {
+  LumJson::Value body(LumJson::objectValue);
+  body["error"] = text;
+  return Compact(body);
+}
+
+std::string RandomHex(size_t bytes) {
+  std::string raw(bytes, '\0');
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(&raw[0]), static_cast<int>(bytes)) != 1) {
+    for (auto& c : raw) {
+      c = static_cast<char>(std::rand());
+    }
+  }
+  std::string hex;
+  char digits[3];
+  for (unsigned char c : raw) {
+    std::snprintf(digits, sizeof(digits), "%02x", c);
+    hex += digits;
+  }
+  return hex;
+}
+
+OcspStatus StatusOf(OcspMode mode) {
+  switch (mode) {
+    case OcspMode::Revoked:
+      return OcspStatus::Revoked;
+    case OcspMode::Expired:
+      return OcspStatus::Expired;
+    case OcspMode::Good:
+    case OcspMode::None:
+      break;
+  }
+  return OcspStatus::Good;
+}
+
+// The test byte route: byte i of the body is 'a' + i % 26, so a client can
+// check which bytes it kept.
+void AnswerBytes(const RecordedRequest& request, Reply& reply) {
+  std::string count = request.path.substr(std::string(kBytesPrefix).size());
+  char* end = nullptr;
+  unsigned long long n = std::strtoull(count.c_str(), &end, 10);
+  if (count.empty() || *end != '\0' || n > kMaxTestBytes) {
+    reply.json(400, ErrorBody("bad byte count"));
+    return;
+  }
+  reply.status = 200;
+  reply.contentType = "application/octet-stream";
+  reply.body.resize(static_cast<size_t>(n));
+  for (size_t i = 0; i < reply.body.size(); ++i) {
+    reply.body[i] = static_cast<char>('a' + i % 26);
+  }
+}
+
+void AnswerMethod(const RecordedRequest& request, Reply& reply) {
+  reply.status = 200;
+  reply.contentType = "text/plain";
+  reply.body = request.method;
+}
+
+}  // namespace
+
+Backend::Backend(const TestPki& pki, BackendOptions options)
+    : pki_(pki),
+      options_(std::move(options)),
+      serverCert_(options_.serverCert),
+      ocspMode_(options_.ocsp),
+      minTls_(options_.minTls),
+      maxTls_(options_.maxTls) {
+  installCoreRoutes();
+}
+
+Backend::~Backend() { stop(); }
+
+void Backend::installCoreRoutes() {
+  addRoute(kGidTokenPath,
+           [this](const RecordedRequest& request, Reply& reply) { handleGidToken(request, reply); });
+  addRoute(kStatePath,
+           [this](const RecordedRequest& request, Reply& reply) { handleState(request, reply); });
+  addRoute(kNotificationPath, [this](const RecordedRequest& request, Reply& reply) {
+    handleNotification(request, reply);
+  });
+  addRoute(kMethodPath, AnswerMethod);
+  addPrefixRoute(kBytesPrefix, AnswerBytes);
+}
+
+// ---- life cycle and TLS ----
+
+TlsSettings Backend::tlsSettings() const {
+  TlsSettings settings;
+  settings.certPem = pki_.serverCertPem(serverCert_);
+  settings.keyPem = pki_.serverKeyPem(serverCert_);
+  settings.issuerPem =
+      serverCert_ == ServerCertKind::UntrustedCa ? pki_.untrustedCaCertPem() : pki_.caCertPem();
+  settings.clientCaPem = pki_.caCertPem();
+  settings.minVersion = minTls_;
+  settings.maxVersion = maxTls_;
+  return settings;
+}
+
+std::string Backend::ocspDer() const {
+  if (ocspMode_ == OcspMode::None) {
+    return std::string();
+  }
+  return pki_.ocspResponse(serverCert_, StatusOf(ocspMode_));
+}
+
+bool Backend::reconfigureTls(std::string* error) {
+  if (!server_) {
+    return true;  // applied by start()
+  }
+  if (!server_->configure(tlsSettings(), error)) {
+    return false;
+  }
+  server_->setOcspResponse(ocspDer());
+  return true;
+}
+
+bool Backend::start(std::string* error) {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  if (server_) {
+    return true;
+  }
+  if (!pki_.valid()) {
+    if (error != nullptr) {
+      *error = "the PKI has not been generated or loaded";
+    }
+    return false;
+  }
+  {
+    std::lock_guard<std::mutex> stopLock(stopMutex_);
+    stopping_ = false;
+  }
+  TlsServer::Callbacks callbacks;
+  callbacks.handle = [this](RecordedRequest& request, Reply& reply) { handle(request, reply); };
+  callbacks.answered = [this](const RecordedRequest& request) {
+    recordAnswer(request, request.status);
+  };
+  server_ = std::make_unique<TlsServer>(std::move(callbacks), options_.idleTimeout);
+  if (!reconfigureTls(error) || !server_->start(options_.bindAddress, options_.port, error)) {
+    server_.reset();
+    return false;
+  }
+  port_ = server_->port();
+  return true;
+}
+
+void Backend::stop() {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  {
+    std::lock_guard<std::mutex> stopLock(stopMutex_);
+    stopping_ = true;
+  }
+  stopCv_.notify_all();
+  if (server_) {
+    server_->stop();
+    server_.reset();
+  }
+}
+
+int Backend::port() const {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  return port_;
+}
+
+std::string Backend::baseUrl(const std::string& opid) const {
+  return "https://" + opid + "-da.lum.localhost:" + std::to_string(port());
+}
+
+void Backend::setOcspMode(OcspMode mode) {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  ocspMode_ = mode;
+  if (server_) {
+    server_->setOcspResponse(ocspDer());
+  }
+}
+
+bool Backend::setServerCert(ServerCertKind kind, std::string* error) {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  serverCert_ = kind;
+  return reconfigureTls(error);
+}
+
+bool Backend::setTlsRange(TlsVersion minVersion, TlsVersion maxVersion, std::string* error) {
+  std::lock_guard<std::mutex> lock(lifeMutex_);
+  minTls_ = minVersion;
+  maxTls_ = maxVersion;
+  return reconfigureTls(error);
+}
+
+bool Backend::waitUnlessStopping(std::chrono::milliseconds duration) {
+  std::unique_lock<std::mutex> lock(stopMutex_);
+  return !stopCv_.wait_for(lock, duration, [this] { return stopping_; });
+}
+
+// ---- routing and faults ----
+
+void Backend::addRoute(const std::string& path, RouteHandler handler) {
+  std::lock_guard<std::mutex> lock(routeMutex_);
+  for (auto& route : routes_) {
+    if (!route.prefix && route.path == path) {
+      route.handler = std::move(handler);
+      return;
+    }
+  }
+  routes_.push_back(RouteEntry{path, false, std::move(handler)});
+}
+
+void Backend::addPrefixRoute(const std::string& prefix, RouteHandler handler) {
+  std::lock_guard<std::mutex> lock(routeMutex_);
+  for (auto& route : routes_) {
+    if (route.prefix && route.path == prefix) {
+      route.handler = std::move(handler);
+      return;
+    }
+  }
+  routes_.push_back(RouteEntry{prefix, true, std::move(handler)});
+}
+
+Backend::RouteHandler Backend::findRoute(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(routeMutex_);
+  for (const auto& route : routes_) {
+    if (!route.prefix && route.path == path) {
+      return route.handler;
+    }
+  }
+  // The longest matching prefix wins.
+  const RouteEntry* best = nullptr;
+  for (const auto& route : routes_) {
+    if (route.prefix && path.compare(0, route.path.size(), route.path) == 0 &&
+        (best == nullptr || route.path.size() > best->path.size())) {
+      best = &route;
+    }
+  }
+  return best != nullptr ? best->handler : RouteHandler();
+}
+
+void Backend::injectFault(const std::string& path, const Fault& fault) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  faults_[path] = fault;
+}
+
+void Backend::clearFaults() {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  faults_.clear();
+}
+
+bool Backend::takeFault(const std::string& path, Fault* fault) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  auto it = faults_.find(path);
+  if (it == faults_.end()) {
+    it = faults_.find(kAnyPath);
+  }
+  if (it == faults_.end() || it->second.count == 0) {
+    return false;
+  }
+  *fault = it->second;
+  if (it->second.count > 0 && --it->second.count == 0) {
+    faults_.erase(it);
+  }
+  return true;
+}
+
+// True when the fault produced the whole answer; a fault that only delays
+// lets the route answer afterwards.
+bool Backend::applyFault(const RecordedRequest& request, Reply& reply) {
+  Fault fault;
+  if (!takeFault(request.path, &fault)) {
+    return false;
+  }
+  if (fault.delay.count() > 0 && !waitUnlessStopping(fault.delay)) {
+    reply.action = Reply::Action::Drop;
+    return true;
+  }
+  if (fault.drop) {
+    reply.action = Reply::Action::Drop;
+  } else if (fault.stallAfterHeaders.count() > 0) {
+    reply.action = Reply::Action::StallAfterHeaders;
+    reply.json(fault.status != 0 ? fault.status : 200, "{}");
+    reply.stallLimit = fault.stallAfterHeaders;
+  } else if (fault.status != 0) {
+    reply.json(fault.status, "{}");
+  } else if (fault.notJson) {
+    reply.status = 200;
+    reply.contentType = "application/json";
+    reply.body = kNotJsonBody;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void Backend::handle(RecordedRequest& request, Reply& reply) {
+  recordArrival(request);
+  if (applyFault(request, reply)) {
+    return;
+  }
+  RouteHandler route = findRoute(request.path);
+  if (!route) {
+    reply.json(404, ErrorBody("no such path: " + request.path));
+    return;
+  }
+  try {
+    route(request, reply);
+  } catch (const std::exception& e) {
+    reply = Reply();
+    reply.json(500, ErrorBody(e.what()));
+  }
+}
+
+// ---- the record ----
+
+void Backend::recordArrival(RecordedRequest& request) {
+  {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    request.sequence = nextSequence_++;
+    records_.push_back(request);
+  }
+  recordCv_.notify_all();
+}
+
+void Backend::recordAnswer(const RecordedRequest& request, int status) {
+  {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    for (auto it = records_.rbegin(); it != records_.rend(); ++it) {
+      if (it->sequence == request.sequence) {
+        it->status = status;
+        break;
+      }
+    }
+  }
+  recordCv_.notify_all();
+  if (options_.onRequest) {
+    options_.onRequest(request);
+  }
+}
+
+std::vector<RecordedRequest> Backend::requests() const {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  return records_;
+}
+
+std::vector<RecordedRequest> Backend::requestsTo(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  std::vector<RecordedRequest> matching;
+  for (const auto& record : records_) {
+    if (record.path == path) {
+      matching.push_back(record);
+    }
+  }
+  return matching;
+}
+
+size_t Backend::requestCount() const {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  return records_.size();
+}
+
+size_t Backend::requestCount(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  size_t count = 0;
+  for (const auto& record : records_) {
+    count += record.path == path ? 1 : 0;
+  }
+  return count;
+}
+
+void Backend::clearRequests() {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  records_.clear();
+}
+
+bool Backend::waitForRequests(size_t n, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(recordMutex_);
+  return recordCv_.wait_for(lock, timeout, [&] { return records_.size() >= n; });
+}
+
+bool Backend::waitForRequests(const std::string& path, size_t n,
+                              std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(recordMutex_);
+  return recordCv_.wait_for(lock, timeout, [&] {
+    size_t count = 0;
+    for (const auto& record : records_) {
+      count += record.path == path ? 1 : 0;
+    }
+    return count >= n;
+  });
+}
+
+bool Backend::waitForAnswers(size_t n, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(recordMutex_);
+  return recordCv_.wait_for(lock, timeout, [&] {
+    size_t count = 0;
+    for (const auto& record : records_) {
+      count += record.status >= 0 ? 1 : 0;
+    }
+    return count >= n;
+  });
+}
+
+// ---- the core paths ----
+
+Backend::DeviceRecord& Backend::deviceFor(const std::string& commonName) {
+  return devices_[commonName];  // created on first contact
+}
+
+bool Backend::authorized(const RecordedRequest& request, DeviceRecord** device) {
+  auto it = devices_.find(request.clientCommonName);
+  if (it == devices_.end() || it->second.gidToken.empty() ||
+      it->second.gidToken != request.header("Authorization")) {
+    return false;
+  }
+  *device = &it->second;
+  return true;
+}
+
+bool Backend::deliveryPending(const DeviceRecord& device) const {
+  return device.deliveredConfig < configVersion_ || device.deliveredEvents < events_.size();
+}
+
+void Backend::handleGidToken(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  DeviceRecord& device = deviceFor(request.clientCommonName);
+  device.gidToken = "gid-" + std::to_string(++tokenCounter_) + "-" + RandomHex(12);
+  ++device.tokensIssued;
+  LumJson::Value answer(LumJson::objectValue);
+  answer["daGidToken"] = device.gidToken;
+  reply.json(200, Compact(answer));
+}
+
+LumJson::Value Backend::stateAnswer(DeviceRecord& device) {
+  bool newConfig = device.deliveredConfig < configVersion_;
+  bool newEvents = device.deliveredEvents < events_.size();
+  // The device reads events only when a sequence number moved.
+  if (newConfig) {
+    ++device.opidSeqNum;
+  }
+  if (newEvents) {
+    ++device.gidSeqNum;
+  }
+  LumJson::Value answer(LumJson::objectValue);
+  answer["daSynchronized"] = synchronizedAnswer_;
+  answer["daOpidSeqNum"] = device.opidSeqNum;
+  answer["daGidSeqNum"] = device.gidSeqNum;
+  if (allowedIdsSet_) {
+    LumJson::Value ids(LumJson::arrayValue);
+    for (const auto& id : allowedIds_) {
+      ids.append(id);
+    }
+    answer["dsAllowedDataItemIds"] = ids;
+  }
+  if (consentUrlSet_) {
+    answer["daConsentUrl"] = consentUrl_;
+  }
+  if (newEvents) {
+    LumJson::Value events(LumJson::arrayValue);
+    for (LumJson::ArrayIndex i = static_cast<LumJson::ArrayIndex>(device.deliveredEvents);
+         i < events_.size(); ++i) {
+      events.append(events_[i]);
+    }
+    answer["daEvents"] = events;
+  }
+  // Pushed members come last so that a test can override any of the above.
+  for (const auto& name : pushedTunables_.getMemberNames()) {
+    answer[name] = pushedTunables_[name];
+  }
+  device.deliveredConfig = configVersion_;
+  device.deliveredEvents = events_.size();
+  return answer;
+}
+
+void Backend::handleState(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  LumJson::Value body;
+  bool parsed = ParseJson(request.body, &body) && body.isObject();
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  DeviceRecord* device = nullptr;
+  if (!authorized(request, &device)) {
+    reply.json(422, ErrorBody("unknown GID token"));
+    return;
+  }
+  if (!parsed) {
+    reply.json(400, ErrorBody("the body is not a JSON object"));
+    return;
+  }
+  ++device->stateCalls;
+  device->reportedState = body;
+  reply.json(200, Compact(stateAnswer(*device)));
+}
+
+void Backend::handleNotification(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  DeviceRecord* device = nullptr;
+  if (!authorized(request, &device)) {
+    reply.json(422, ErrorBody("unknown GID token"));
+    return;
+  }
+  ++device->notificationCalls;
+  LumJson::Value answer(LumJson::objectValue);
+  answer["daStateSynchronized"] = !deliveryPending(*device);
+  reply.json(200, Compact(answer));
+}
+
+// ---- control ----
+
+void Backend::pushTunables(const LumJson::Value& members) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  if (!members.isObject()) {
+    return;
+  }
+  for (const auto& name : members.getMemberNames()) {
+    pushedTunables_[name] = members[name];
+  }
+  ++configVersion_;
+}
+
+void Backend::setAllowedDataItemIds(const std::vector<std::string>& ids) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  allowedIds_ = ids;
+  allowedIdsSet_ = true;
+  ++configVersion_;
+}
+
+void Backend::setConsentUrl(const std::string& url) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  consentUrl_ = url;
+  consentUrlSet_ = true;
+  ++configVersion_;
+}
+
+void Backend::queueEvent(const std::string& event, uint32_t id, const std::string& parameters) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  LumJson::Value entry(LumJson::objectValue);
+  entry["event"] = event;
+  entry["id"] = id;
+  entry["parameters"] = parameters;
+  events_.append(entry);
+}
+
+void Backend::setSynchronizedAnswer(bool synchronized) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  synchronizedAnswer_ = synchronized;
+}
+
+void Backend::revokeGidToken(const std::string& commonName) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  for (auto& device : devices_) {
+    if (commonName.empty() || device.first == commonName) {
+      device.second.gidToken.clear();
+    }
+  }
+}
+
+bool Backend::device(const std::string& commonName, DeviceView* view) const {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  auto it = devices_.find(commonName);
+  if (it == devices_.end()) {
+    return false;
+  }
+  const DeviceRecord& record = it->second;
+  view->commonName = commonName;
+  view->gidToken = record.gidToken;
+  view->reportedState = record.reportedState;
+  view->opidSeqNum = record.opidSeqNum;
+  view->gidSeqNum = record.gidSeqNum;
+  view->tokensIssued = record.tokensIssued;
+  view->stateCalls = record.stateCalls;
+  view->notificationCalls = record.notificationCalls;
+  view->deliveryPending = deliveryPending(record);
+  return true;
+}
+
+std::vector<std::string> Backend::deviceNames() const {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  std::vector<std::string> names;
+  for (const auto& device : devices_) {
+    names.push_back(device.first);
+  }
+  return names;
+}
+
+}  // namespace Tools
+}  // namespace Lum

@@ -1,0 +1,163 @@
+// lum-backend: the local back end for running the agent by hand, e.g.
+//   lum-pki /tmp/pki --opid LUMDEV01 --port 8443
+//   lum-backend --pki /tmp/pki --port 8443
+// Every request is printed to stdout; Ctrl-C stops.
+#include <signal.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <string>
+
+#include "tools/backend/Backend.h"
+
+namespace {
+
+using Lum::Tools::OcspMode;
+using Lum::Tools::ServerCertKind;
+using Lum::Tools::TlsVersion;
+
+int Usage() {
+  std::cerr << "usage: lum-backend --pki DIR [--port PORT] [--bind ADDR]\n"
+               "                   [--ocsp good|revoked|expired|none]\n"
+               "                   [--tls 1.2-1.3|1.1|1.2|1.3|1.1-1.3]\n"
+               "                   [--server-cert default|untrusted|wronghost]\n";
+  return 2;
+}
+
+bool ParseOcsp(const std::string& text, OcspMode* mode) {
+  if (text == "good") {
+    *mode = OcspMode::Good;
+  } else if (text == "revoked") {
+    *mode = OcspMode::Revoked;
+  } else if (text == "expired") {
+    *mode = OcspMode::Expired;
+  } else if (text == "none") {
+    *mode = OcspMode::None;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool ParseVersion(const std::string& text, TlsVersion* version) {
+  if (text == "1.1") {
+    *version = TlsVersion::Tls1_1;
+  } else if (text == "1.2") {
+    *version = TlsVersion::Tls1_2;
+  } else if (text == "1.3") {
+    *version = TlsVersion::Tls1_3;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool ParseTlsRange(const std::string& text, TlsVersion* minVersion, TlsVersion* maxVersion) {
+  size_t dash = text.find('-');
+  if (dash == std::string::npos) {
+    return ParseVersion(text, minVersion) && ParseVersion(text, maxVersion);
+  }
+  return ParseVersion(text.substr(0, dash), minVersion) &&
+         ParseVersion(text.substr(dash + 1), maxVersion);
+}
+
+bool ParseServerCert(const std::string& text, ServerCertKind* kind) {
+  if (text == "default") {
+    *kind = ServerCertKind::Default;
+  } else if (text == "untrusted") {
+    *kind = ServerCertKind::UntrustedCa;
+  } else if (text == "wronghost") {
+    *kind = ServerCertKind::WrongHost;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void PrintRequest(const Lum::Tools::RecordedRequest& request) {
+  static std::mutex outputMutex;
+  std::lock_guard<std::mutex> lock(outputMutex);
+  std::cout << "#" << request.sequence << " " << request.clientCommonName << " " << request.method
+            << " " << request.target << " -> " << request.status << "\n";
+  for (const auto& field : request.headers) {
+    std::cout << "  " << field.first << ": " << field.second << "\n";
+  }
+  if (!request.parts.empty()) {
+    for (const auto& part : request.parts) {
+      std::cout << "  part \"" << part.name << "\" file \"" << part.filename << "\" "
+                << part.content.size() << " bytes\n";
+    }
+  } else if (!request.body.empty()) {
+    std::cout << "  " << request.body << "\n";
+  }
+  std::cout << std::flush;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string pkiDir;
+  Lum::Tools::BackendOptions options;
+  options.port = 8443;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (i + 1 >= argc) {
+      return Usage();
+    }
+    std::string value = argv[++i];
+    bool ok = true;
+    if (arg == "--pki") {
+      pkiDir = value;
+    } else if (arg == "--port") {
+      options.port = std::atoi(value.c_str());
+    } else if (arg == "--bind") {
+      options.bindAddress = value;
+    } else if (arg == "--ocsp") {
+      ok = ParseOcsp(value, &options.ocsp);
+    } else if (arg == "--tls") {
+      ok = ParseTlsRange(value, &options.minTls, &options.maxTls);
+    } else if (arg == "--server-cert") {
+      ok = ParseServerCert(value, &options.serverCert);
+    } else {
+      ok = false;
+    }
+    if (!ok) {
+      return Usage();
+    }
+  }
+  if (pkiDir.empty()) {
+    return Usage();
+  }
+  Lum::Tools::TestPki pki;
+  std::string error;
+  if (!pki.load(pkiDir, &error)) {
+    std::cerr << "lum-backend: " << error << "\n";
+    return 1;
+  }
+  options.onRequest = PrintRequest;
+
+  // Wait for the stop signal synchronously rather than in a handler.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  Lum::Tools::Backend backend(pki, options);
+  if (!backend.start(&error)) {
+    std::cerr << "lum-backend: " << error << "\n";
+    return 1;
+  }
+  std::cout << "lum-backend listening on " << options.bindAddress << ":" << backend.port();
+  if (!pki.loadedDevice().commonName.empty()) {
+    std::string cn = pki.loadedDevice().commonName;
+    std::cout << ", device " << cn << " -> " << backend.baseUrl(cn.substr(0, cn.find('.')));
+  }
+  std::cout << std::endl;
+  int received = 0;
+  sigwait(&signals, &received);
+  std::cout << "lum-backend stopping" << std::endl;
+  backend.stop();
+  return 0;
+}
