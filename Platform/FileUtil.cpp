@@ -127,7 +127,8 @@ bool ParseEntry(const std::string& line, Entry* entry) {
   return entry->digest.size() == kDigestHexLength && IsLowerHex(entry->digest);
 }
 
-// Strict: a sidecar that is not exactly what FormatSidecar writes is damaged.
+// A sidecar that does not parse line by line is damaged as a whole: nothing in
+// it can be trusted to vouch for a version.
 bool ParseSidecar(const std::string& text, std::vector<Entry>* entries) {
   std::istringstream in(text);
   std::string line;
