@@ -75,7 +75,9 @@ void Appender::readFilters(const LumJson::Value& filters) {
   }
 }
 
-Appender::~Appender() { unregisterSelf(); }
+Appender::~Appender() {
+  unregisterSelf();
+}
 
 bool Appender::isLogEnabled(int service, int category, int severity) const {
   return IsInTable(service, category) && filter_[service][category] >= severity;

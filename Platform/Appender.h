@@ -82,8 +82,8 @@ class Appender {
   std::unique_ptr<Format> format_;  // null when "format" names no known format
   int filter_[FilterProperties::SERVICE_COUNT][FilterProperties::CATEGORY_COUNT];
 
-  static AppenderMap* AllAppenders;                     // guarded by AppenderMapMutex
-  static std::vector<Appender*>* DisplacedAppenders;    // guarded by AppenderMapMutex
+  static AppenderMap* AllAppenders;                   // guarded by AppenderMapMutex
+  static std::vector<Appender*>* DisplacedAppenders;  // guarded by AppenderMapMutex
 };
 
 }  // namespace Core

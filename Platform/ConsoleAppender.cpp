@@ -8,7 +8,9 @@ ConsoleAppender::ConsoleAppender(const LumJson::Value& config, FILE* stream)
   registerSelf();
 }
 
-ConsoleAppender::~ConsoleAppender() { unregisterSelf(); }
+ConsoleAppender::~ConsoleAppender() {
+  unregisterSelf();
+}
 
 void ConsoleAppender::doAppend(const LoggingEvent& event) {
   const Format* format = getFormat();

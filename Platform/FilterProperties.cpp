@@ -37,7 +37,9 @@ static_assert(sizeof kCategoryNames / sizeof kCategoryNames[0] == FilterProperti
 static_assert(sizeof kSeverityNames / sizeof kSeverityNames[0] == FilterProperties::SEVERITY_COUNT,
               "one name per severity");
 
-const char* FilterProperties::GetServiceName(int service) { return NameOf(kServiceNames, service); }
+const char* FilterProperties::GetServiceName(int service) {
+  return NameOf(kServiceNames, service);
+}
 
 const char* FilterProperties::GetCategoryName(int category) {
   return NameOf(kCategoryNames, category);

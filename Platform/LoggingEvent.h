@@ -15,7 +15,7 @@ class LoggingEvent {
   LoggingEvent(const char* file, int line, const char* function, int service, int category,
                int severity, std::string message);
 
-  std::string file;      // source file as "Directory/ClassName"
+  std::string file;  // source file as "Directory/ClassName"
   int line;
   std::string function;  // bare function name
   int service;

@@ -4,7 +4,8 @@ namespace Lum {
 namespace Core {
 
 std::string LongFormat::format(const LoggingEvent& event) const {
-  std::string location = event.file + ":" + std::to_string(event.line) + "-{" + event.function + "}";
+  std::string location =
+      event.file + ":" + std::to_string(event.line) + "-{" + event.function + "}";
   std::string out;
   out.reserve(150 + event.message.size());
   out += "[LUM] ";

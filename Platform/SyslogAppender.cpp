@@ -5,8 +5,7 @@
 namespace Lum {
 namespace Core {
 
-SyslogAppender::SyslogAppender(const LumJson::Value& config, const std::string& ident,
-                               int facility)
+SyslogAppender::SyslogAppender(const LumJson::Value& config, const std::string& ident, int facility)
     : Appender(config), ident_(ident), facility_(facility) {
   open();
   registerSelf();
@@ -17,9 +16,13 @@ SyslogAppender::~SyslogAppender() {
   close();
 }
 
-void SyslogAppender::open() { openlog(ident_.c_str(), 0, facility_); }
+void SyslogAppender::open() {
+  openlog(ident_.c_str(), 0, facility_);
+}
 
-void SyslogAppender::close() { closelog(); }
+void SyslogAppender::close() {
+  closelog();
+}
 
 int SyslogAppender::ToSyslogPriority(int severity) {
   static const int kPriorities[] = {LOG_EMERG,   LOG_ALERT,  LOG_CRIT, LOG_ERR,

@@ -56,17 +56,19 @@ TEST(FormatTest, LinesAreByteExact) {
   EXPECT_EQ("core state      error   Problem: 4\n", ShortFormat().format(event));
   EXPECT_EQ("12:00:00.123 core state      error   wait()               Problem: 4\n",
             MediumFormat().format(event));
-  EXPECT_EQ("[LUM] 2024-03-01T12:00:00.123456Z 60e4f5b6 core state      error   "
-            "Platform/TimedSem:85-{wait}" +
-                std::string(75 - 27, ' ') + " Problem: 4\n",
-            LongFormat().format(event));
+  EXPECT_EQ(
+      "[LUM] 2024-03-01T12:00:00.123456Z 60e4f5b6 core state      error   "
+      "Platform/TimedSem:85-{wait}" +
+          std::string(75 - 27, ' ') + " Problem: 4\n",
+      LongFormat().format(event));
 }
 
 TEST(FormatTest, SmallFractionsAreZeroPadded) {
   LoggingEvent event = FixedEvent(1, 1, 5, "m");
   event.timestamp.usec = 7;
   EXPECT_EQ(0u, MediumFormat().format(event).find("12:00:00.000 ds   flow       debug   "));
-  EXPECT_EQ(0u, LongFormat().format(event).find("[LUM] 2024-03-01T12:00:00.000007Z 60e4f5b6 ds   "));
+  EXPECT_EQ(0u,
+            LongFormat().format(event).find("[LUM] 2024-03-01T12:00:00.000007Z 60e4f5b6 ds   "));
 }
 
 TEST(FormatTest, OverlongFieldsAreKeptWhole) {
@@ -78,9 +80,9 @@ TEST(FormatTest, OverlongFieldsAreKeptWhole) {
             MediumFormat().format(event));
   std::string location = "Platform/TimedSem:85-{" + std::string(60, 'f') + "}";
   LoggingEvent longEvent = FixedEvent(4, 5, 6, "end", std::string(60, 'f').c_str());
-  EXPECT_EQ("[LUM] 2024-03-01T12:00:00.123456Z 60e4f5b6 drmp supervisor trace   " + location +
-                " end\n",
-            LongFormat().format(longEvent));
+  EXPECT_EQ(
+      "[LUM] 2024-03-01T12:00:00.123456Z 60e4f5b6 drmp supervisor trace   " + location + " end\n",
+      LongFormat().format(longEvent));
 }
 
 TEST(FormatTest, TestFormatEmbedsStrictJsonOrMarksItBad) {
@@ -130,9 +132,9 @@ TEST(SyslogAppenderTest, PriorityMappingIsKeptAsIs) {
     int severity;
     int priority;
   };
-  const Case cases[] = {{-1000, 0}, {-101, 0}, {-100, 0}, {0, 0},  {1, 0},   {6, 0},
-                        {98, 0},    {99, 1},   {199, 2},  {698, 6}, {699, 7}, {798, 7},
-                        {799, 7},   {100000, 7}};
+  const Case cases[] = {{-1000, 0}, {-101, 0}, {-100, 0}, {0, 0},     {1, 0},
+                        {6, 0},     {98, 0},   {99, 1},   {199, 2},   {698, 6},
+                        {699, 7},   {798, 7},  {799, 7},  {100000, 7}};
   for (const Case& c : cases) {
     EXPECT_EQ(c.priority, SyslogAppender::ToSyslogPriority(c.severity)) << c.severity;
   }

@@ -142,6 +142,24 @@ TEST_F(LoggerTest, SameNameReplacesEarlierAppenderWithoutLeakingIt) {
   EXPECT_EQ(descriptorsBefore, LumLoggingTest::OpenDescriptorCount());
 }
 
+TEST_F(LoggerTest, AppenderNamesJoinTypeFormatAndArgument) {
+  LumJson::Value loggers(LumJson::arrayValue);
+  loggers.append(Element("syslog", "lumtest", "test", "core", "test", "fatal"));
+  loggers.append(Element("console", "stderr", "short", "core", "test", "fatal"));
+  loggers.append(Element("file", "/nonexistent/dir/agent.log", "long", "core", "state", "info"));
+  logger().initialize(loggers);
+  std::vector<std::string> names;
+  for (Appender* appender : Appender::GetAllAppenders()) {
+    names.push_back(appender->getName());
+  }
+  std::vector<std::string> expected = {
+      "console-short-stderr", "file-long-/nonexistent/dir/agent.log", "syslog-test-lumtest"};
+  EXPECT_EQ(expected, names);
+  // The unopenable file swallows the line without failing.
+  LUM_LOG(CORE, STATE, 4, "nowhere");
+  EXPECT_TRUE(logger().test(CORE, STATE, 4));
+}
+
 TEST_F(LoggerTest, AppenderWithoutKnownFormatSkipsLines) {
   LumJson::Value loggers(LumJson::arrayValue);
   loggers.append(Element("file", path_, "fancy", "core", "state", "trace"));

@@ -69,7 +69,7 @@ TEST(ThreadUtilTest, NameUpToFifteenCharactersIsApplied) {
   };
   const Case cases[] = {
       {"StateControl", true},
-      {"DeviceInfoContr", true},   // exactly 15
+      {"DeviceInfoContr", true},    // exactly 15
       {"DeviceInfoContro", false},  // 16: left to the inherited name
       {"AVeryLongThreadNameIndeed", false},
   };
