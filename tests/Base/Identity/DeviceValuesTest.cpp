@@ -158,12 +158,6 @@ TEST(DeviceValues, SimulatedSoftwareVersion) {
   }
 }
 
-TEST(DeviceValues, HandWrittenSimulationFileIsRead) {
-  LumTest::TempDir dir;
-  LumTest::WriteFile(dir.file("swVersion"), "{\"swVersion\": \"3.1.4\"}\n");
-  EXPECT_EQ(DeviceValues("{}", true, "1.0.0", dir.path() + "/").getSwVersion(), "3.1.4");
-}
-
 TEST(DeviceValues, DebugDumpNamesEveryValue) {
   Platform platform(false);
   LumTest::LogCapture log("debug");
