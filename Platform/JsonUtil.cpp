@@ -1,5 +1,6 @@
 #include "Platform/JsonUtil.h"
 
+#include <exception>
 #include <memory>
 
 namespace Lum {
@@ -21,7 +22,14 @@ const LumJson::Value* Member(const LumJson::Value& object, const char* key) {
 
 bool JsonUtil::ParseStrict(const std::string& text, LumJson::Value& out) {
   std::string errors;
-  return NewStrictReader()->parse(text.data(), text.data() + text.size(), &out, &errors);
+  // The reader throws instead of failing when nesting exceeds its depth
+  // limit; such a text is just as malformed as any other, and it may come
+  // from the host or the network, so it must not escape as an exception.
+  try {
+    return NewStrictReader()->parse(text.data(), text.data() + text.size(), &out, &errors);
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 std::string JsonUtil::WriteCompact(const LumJson::Value& value) {

@@ -99,6 +99,8 @@ TEST_F(CoreConfigTest, UnusableTextsKeepEveryDefault) {
     ExpectDefaults(CoreConfig(text));
   }
   ExpectDefaults(CoreConfig(nullptr));
+  // Nested beyond the reader's depth limit.
+  ExpectDefaults(CoreConfig(("{\"core\":" + std::string(5000, '[')).c_str()));
 }
 
 TEST_F(CoreConfigTest, ReadsEveryKey) {

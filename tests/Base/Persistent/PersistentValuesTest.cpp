@@ -309,15 +309,16 @@ TEST(PersistentValuesTest, EveryKeyIsReadTogether) {
 }
 
 TEST(PersistentValuesTest, TextThatIsNotAnObjectChangesNothing) {
-  const char* texts[] = {"",
-                         "garbage",
-                         "{\"gidToken\":\"t\"",
-                         "[{\"gidToken\":\"t\"}]",
-                         "\"gidToken\"",
-                         "{\"gidToken\":\"t\"} {}",
-                         "{\"gidToken\":\"t\",}"};
-  for (const char* text : texts) {
-    SCOPED_TRACE(text);
+  const std::string texts[] = {"",
+                               "garbage",
+                               "{\"gidToken\":\"t\"",
+                               "[{\"gidToken\":\"t\"}]",
+                               "\"gidToken\"",
+                               "{\"gidToken\":\"t\"} {}",
+                               "{\"gidToken\":\"t\",}",
+                               std::string(5000, '[')};
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text.substr(0, 40));
     PV values;
     values.setDaPollDelayFixedMs(7);
     const LumJson::Value before = Document(values);
