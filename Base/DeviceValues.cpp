@@ -1,10 +1,8 @@
 #include "Base/DeviceValues.h"
 
-#include <cstring>
-#include <memory>
-
 #include "Platform/FileUtil.h"
 #include "Platform/FilterProperties.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/Logger.h"
 #include "Platform/LumJson.h"
 #include "Project/NorvikInterfaces.h"
@@ -19,21 +17,8 @@ namespace {
 constexpr int kService = FilterProperties::SERVICE_CORE;
 constexpr char kSwVersionFile[] = "swVersion";
 
-bool ParseObject(const char* text, size_t length, LumJson::Value& root) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text, text + length, &root, &errors) && root.isObject();
-}
-
-bool TakeText(const LumJson::Value& object, const char* key, std::string& value) {
-  const LumJson::Value* member = object.find(key, key + std::strlen(key));
-  if (member == nullptr || !member->isString()) {
-    return false;
-  }
-  value = member->asString();
-  return true;
+bool ParseObject(const std::string& text, LumJson::Value& root) {
+  return JsonUtil::ParseStrict(text, root) && root.isObject();
 }
 
 // A platform that answers with an empty text does not know the value, and
@@ -77,26 +62,26 @@ std::string DeviceValues::simulatedSwVersion() const {
   std::string version = initialSimulatedSwVersion_;
   const std::string text = FileUtil::Load(persistentPath_, kSwVersionFile);
   LumJson::Value root;
-  if (!text.empty() && ParseObject(text.data(), text.size(), root)) {
-    TakeText(root, "swVersion", version);
+  if (!text.empty() && ParseObject(text, root)) {
+    version = JsonUtil::ReadText(root, "swVersion", version);
   }
   return version;
 }
 
 void DeviceValues::takeMembers(const char* device) {
   LumJson::Value root;
-  if (device == nullptr || !ParseObject(device, std::strlen(device), root)) {
+  if (device == nullptr || !ParseObject(device, root)) {
     LUM_LOG(kService, FilterProperties::CATEGORY_STATE, FilterProperties::SEVERITY_ERROR,
             "Device text is not a JSON object; keeping the platform's values");
     return;
   }
-  TakeText(root, "id", id_);
-  TakeText(root, "model", model_);
-  TakeText(root, "subModel", subModel_);
-  TakeText(root, "brand", brand_);
-  TakeText(root, "esn", esn_);
-  TakeText(root, "mac", mac_);
-  TakeText(root, "swVersion", swVersion_);
+  id_ = JsonUtil::ReadText(root, "id", id_);
+  model_ = JsonUtil::ReadText(root, "model", model_);
+  subModel_ = JsonUtil::ReadText(root, "subModel", subModel_);
+  brand_ = JsonUtil::ReadText(root, "brand", brand_);
+  esn_ = JsonUtil::ReadText(root, "esn", esn_);
+  mac_ = JsonUtil::ReadText(root, "mac", mac_);
+  swVersion_ = JsonUtil::ReadText(root, "swVersion", swVersion_);
 }
 
 void DeviceValues::logStateDebug() const {

@@ -4,9 +4,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "Platform/FilterProperties.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/Logger.h"
 #include "Platform/LumJson.h"
 #include "Project/NorvikInterfaces.h"
@@ -38,21 +38,7 @@ void CleanseAndFree(char*& copy) {
 }
 
 bool ParseObject(const char* text, LumJson::Value& root) {
-  if (text == nullptr) {
-    return false;
-  }
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text, text + std::strlen(text), &root, &errors) && root.isObject();
-}
-
-void TakeText(const LumJson::Value& object, const char* key, std::string& value) {
-  const LumJson::Value* member = object.find(key, key + std::strlen(key));
-  if (member != nullptr && member->isString()) {
-    value = member->asString();
-  }
+  return text != nullptr && JsonUtil::ParseStrict(text, root) && root.isObject();
 }
 
 }  // namespace
@@ -79,10 +65,10 @@ void ProductIdentity::takeMembers(const char* identity) {
             "Identity text is not a JSON object; keeping the platform's values");
     return;
   }
-  TakeText(root, "key", key_);
-  TakeText(root, "cert", cert_);
-  TakeText(root, "trust", trust_);
-  TakeText(root, "password", password_);
+  key_ = JsonUtil::ReadText(root, "key", key_);
+  cert_ = JsonUtil::ReadText(root, "cert", cert_);
+  trust_ = JsonUtil::ReadText(root, "trust", trust_);
+  password_ = JsonUtil::ReadText(root, "password", password_);
 }
 
 void ProductIdentity::makeCopies() {

@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <exception>
 #include <fstream>
-#include <memory>
 #include <mutex>
 #include <sstream>
 #include <utility>
 
 #include "Platform/FilterProperties.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/Logger.h"
 #include "Platform/LumJson.h"
 #include "Platform/Sha256Util.h"
@@ -520,14 +520,6 @@ bool WritePrivateFile(const std::string& path, const std::string& content) {
   return true;
 }
 
-bool ParseObject(const std::string& text, LumJson::Value& root) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  const std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text.data(), text.data() + text.size(), &root, &errors) && root.isObject();
-}
-
 }  // namespace
 
 bool NkCreateNewLumIdJson(const std::string& originalIdentityPath,
@@ -536,8 +528,8 @@ bool NkCreateNewLumIdJson(const std::string& originalIdentityPath,
   LUM_TRACE(kService);
   std::string text;
   LumJson::Value identity;
-  if (!ReadWholeFile(originalIdentityPath, text) || !ParseObject(text, identity) ||
-      !identity["key"].isString()) {
+  if (!ReadWholeFile(originalIdentityPath, text) || !Core::JsonUtil::ParseStrict(text, identity) ||
+      !identity.isObject() || !identity["key"].isString()) {
     return false;
   }
   if (!identity.isMember("password") && !password.empty()) {

@@ -85,6 +85,9 @@ const Values kPlaceholders = {"veltrane_id",        "veltrane_model", "veltrane_
 
 enum class Source { None, Full, Blank };
 
+// Deeper than the JSON reader accepts: it must be refused, not thrown.
+const std::string kDeepText = "{\"model\":" + std::string(5000, '[') + std::string(5000, ']') + "}";
+
 TEST(DeviceValues, PlatformThenDeviceText) {
   const Values fullText = {"id-1", "model-1", "sub-1", "brand-1", "esn-1", "mac-1", "sw-1"};
   Values onlyModel = kPlatform;
@@ -111,6 +114,7 @@ TEST(DeviceValues, PlatformThenDeviceText) {
       {"wrong types are ignored, an empty text is taken", Source::Full,
        R"({"model":5,"id":null,"brand":""})", mistyped},
       {"platform without values keeps the placeholders", Source::Blank, "{}", kPlaceholders},
+      {"nesting beyond the parser's depth limit", Source::Full, kDeepText.c_str(), kPlatform},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

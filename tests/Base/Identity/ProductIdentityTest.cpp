@@ -23,6 +23,7 @@ std::string PlatformPassword() {
 TEST(ProductIdentity, TextOverPlatformPassword) {
   const std::string fallback = Lum::Sv::NkGetLumPassword();
   const std::string platform = "platform pass phrase";
+  const std::string deep = "{\"key\":" + std::string(5000, '[') + std::string(5000, ']') + "}";
   const struct {
     const char* name;
     bool platformPassword;
@@ -40,6 +41,7 @@ TEST(ProductIdentity, TextOverPlatformPassword) {
       {"an empty password is taken", true, R"({"password":""})", "", "", "", ""},
       {"not JSON", true, "key: K", "", "", "", platform},
       {"null text", true, nullptr, "", "", "", platform},
+      {"nesting beyond the parser's depth limit", true, deep.c_str(), "", "", "", platform},
       {"members of other types", true, R"({"key":1,"cert":["C"],"trust":{},"password":false})", "",
        "", "", platform},
   };

@@ -89,6 +89,8 @@ TEST_F(AppInit, KeepsThePasswordOfTheOriginal) {
 }
 
 TEST_F(AppInit, BadOriginalsAreReportedAndWriteNothing) {
+  const std::string deep =
+      "{\"key\":\"K\",\"x\":" + std::string(5000, '[') + std::string(5000, ']') + "}";
   const struct {
     const char* name;
     const char* content;  // null: no original file
@@ -98,6 +100,7 @@ TEST_F(AppInit, BadOriginalsAreReportedAndWriteNothing) {
       {"an array", "[\"key\"]"},
       {"no key", "{\"cert\": \"CERT\"}"},
       {"key not a text", "{\"key\": 17}"},
+      {"nested too deeply", deep.c_str()},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
