@@ -218,8 +218,7 @@ const char* DebugLabel(curl_infotype type) {
   }
 }
 
-int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size,
-                  void* /*userData*/) {
+int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size, void* /*userData*/) {
   // Encrypted bytes are unreadable; only their amount is worth a line.
   if (type == CURLINFO_SSL_DATA_IN || type == CURLINFO_SSL_DATA_OUT) {
     LUM_LOG(kCore, kWeb, kTrace, "%s %u bytes",
@@ -237,8 +236,8 @@ template <typename T>
 void SetOption(CURL* handle, CURLoption option, T value, const char* name) {
   const CURLcode code = curl_easy_setopt(handle, option, value);
   if (code != CURLE_OK) {
-    LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name,
-            static_cast<int>(code), curl_easy_strerror(code));
+    LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name, static_cast<int>(code),
+            curl_easy_strerror(code));
   }
 }
 #define LUM_SET_OPTION(handle, option, value) SetOption((handle), (option), (value), #option)
@@ -247,8 +246,8 @@ template <typename T>
 void GetInfo(CURL* handle, CURLINFO info, T* value, const char* name) {
   const CURLcode code = curl_easy_getinfo(handle, info, value);
   if (code != CURLE_OK) {
-    LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name,
-            static_cast<int>(code), curl_easy_strerror(code));
+    LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name, static_cast<int>(code),
+            curl_easy_strerror(code));
   }
 }
 #define LUM_GET_INFO(handle, info, value) GetInfo((handle), (info), (value), #info)
@@ -308,9 +307,9 @@ curl_slist* BuildHeaderList(const std::vector<std::string>& headers) {
 curl_httppost* BuildForm(const Http::Request& request) {
   curl_httppost* first = nullptr;
   curl_httppost* last = nullptr;
-  CURLFORMcode code = curl_formadd(
-      &first, &last, CURLFORM_COPYNAME, "data", CURLFORM_BUFFER, "data", CURLFORM_BUFFERPTR,
-      request.data, CURLFORM_BUFFERLENGTH, static_cast<long>(request.dataLength), CURLFORM_END);
+  CURLFORMcode code = curl_formadd(&first, &last, CURLFORM_COPYNAME, "data", CURLFORM_BUFFER,
+                                   "data", CURLFORM_BUFFERPTR, request.data, CURLFORM_BUFFERLENGTH,
+                                   static_cast<long>(request.dataLength), CURLFORM_END);
   if (code != CURL_FORMADD_OK) {
     LUM_LOG(kCore, kWeb, kError, "curl_formadd failed with code %d", static_cast<int>(code));
   }
@@ -329,7 +328,9 @@ void SetFormOption(CURL* handle, curl_httppost* form) {
   LUM_SET_OPTION(handle, CURLOPT_HTTPPOST, form);
 }
 
-void FreeForm(curl_httppost* form) { curl_formfree(form); }
+void FreeForm(curl_httppost* form) {
+  curl_formfree(form);
+}
 
 #pragma GCC diagnostic pop
 
@@ -532,14 +533,12 @@ void Http::PrintRequest(const Request& request) {
   if (Logger::Instance().test(kCore, kWeb, kDebug)) {
     LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Verb                    : %s",
             VerbToString(request.verb));
-    LUM_LOG(kCore, kWeb, kDebug, "HTTP Request URL                     : %s",
-            request.url.c_str());
+    LUM_LOG(kCore, kWeb, kDebug, "HTTP Request URL                     : %s", request.url.c_str());
     for (const std::string& header : request.headers) {
       LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Header                  : %s", header.c_str());
     }
     if (request.data != nullptr) {
-      LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Body Length             : %u",
-              request.dataLength);
+      LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Body Length             : %u", request.dataLength);
     } else {
       LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Body                    : %s",
               request.body.c_str());
@@ -570,8 +569,7 @@ void Http::PrintRequest(const Request& request) {
 
 void Http::PrintResponse(const Request& request, const Response& response) {
   if (Logger::Instance().test(kCore, kWeb, kDebug)) {
-    LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Upload Speed            : %g",
-            response.uploadSpeed);
+    LUM_LOG(kCore, kWeb, kDebug, "HTTP Request Upload Speed            : %g", response.uploadSpeed);
     LUM_LOG(kCore, kWeb, kDebug, "HTTP Response Down Speed             : %g",
             response.downloadSpeed);
     LUM_LOG(kCore, kWeb, kDebug, "HTTP Response Code                   : %d",

@@ -18,7 +18,9 @@ namespace Core {
 // status 400, so callers treat them like a rejected request.
 class Http {
  public:
-  enum Verb { POST = 0, GET = 1, DELETE = 2 };
+  // A fixed underlying type keeps any number a valid Verb: values outside the
+  // three names arrive from persisted or scripted input and fall back to GET.
+  enum Verb : int { POST = 0, GET = 1, DELETE = 2 };
 
   // One back-end call. The PEM pointers and `data` are borrowed from the
   // caller. `headers` and `body` are consumed by Perform: they are empty

@@ -1,0 +1,83 @@
+#include "HttpTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+
+namespace LumHttpTest {
+
+namespace {
+
+struct Material {
+  Lum::Tools::TestPki pki;
+  Lum::Tools::DeviceIdentity device;
+};
+
+const Material& Shared() {
+  static Material material;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::string error;
+    if (!material.pki.generate(&error)) {
+      ADD_FAILURE() << "PKI generation failed: " << error;
+      return;
+    }
+    const std::string name = Lum::Tools::TestPki::DeviceCommonName("OPID", 0);
+    if (!material.pki.issueDevice(name, &material.device, Lum::Tools::TestPki::kDefaultPassPhrase,
+                                  Lum::Tools::KeyType::Rsa2048, &error)) {
+      ADD_FAILURE() << "device issuance failed: " << error;
+    }
+  });
+  return material;
+}
+
+// A proxy configured in the environment would take the loopback traffic
+// elsewhere; every test talks to the local back end directly. The client
+// asks libcurl not to touch signals, so, as in the host process, a write to
+// a connection the peer already closed must not kill the process: the
+// server side of these tests writes TLS records after clients hang up.
+class TestProcessEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    setenv("no_proxy", "*", 1);
+    setenv("NO_PROXY", "*", 1);
+    signal(SIGPIPE, SIG_IGN);
+  }
+};
+const ::testing::Environment* const kEnvironment =
+    ::testing::AddGlobalTestEnvironment(new TestProcessEnvironment);
+
+}  // namespace
+
+const Lum::Tools::TestPki& Pki() {
+  return Shared().pki;
+}
+const Lum::Tools::DeviceIdentity& Device() {
+  return Shared().device;
+}
+
+std::unique_ptr<Lum::Tools::Backend> StartBackend(Lum::Tools::BackendOptions options) {
+  auto backend = std::make_unique<Lum::Tools::Backend>(Pki(), std::move(options));
+  std::string error;
+  if (!backend->start(&error)) {
+    ADD_FAILURE() << "back end did not start: " << error;
+    return nullptr;
+  }
+  return backend;
+}
+
+Lum::Core::Http::Request DeviceRequest(Lum::Core::Http::Verb verb, const std::string& url) {
+  Lum::Core::Http::Request request;
+  request.verb = verb;
+  request.clientCertificate = Device().certPem.c_str();
+  request.clientKey = Device().keyPem.c_str();
+  request.caCertificates = Pki().caCertPem().c_str();
+  request.url = url;
+  request.connectTimeout = 5000;
+  request.messageTimeout = 20000;
+  return request;
+}
+
+}  // namespace LumHttpTest
