@@ -105,11 +105,14 @@ Backend::Backend(const TestPki& pki, BackendOptions options)
   installCoreRoutes();
 }
 
-Backend::~Backend() { stop(); }
+Backend::~Backend() {
+  stop();
+}
 
 void Backend::installCoreRoutes() {
-  addRoute(kGidTokenPath,
-           [this](const RecordedRequest& request, Reply& reply) { handleGidToken(request, reply); });
+  addRoute(kGidTokenPath, [this](const RecordedRequest& request, Reply& reply) {
+    handleGidToken(request, reply);
+  });
   addRoute(kStatePath,
            [this](const RecordedRequest& request, Reply& reply) { handleState(request, reply); });
   addRoute(kNotificationPath, [this](const RecordedRequest& request, Reply& reply) {

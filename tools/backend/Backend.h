@@ -35,7 +35,7 @@ struct BackendOptions {
 // Fault injected into the answers of one path ("*" for every path). The
 // aspects combine: e.g. a delay followed by a status.
 struct Fault {
-  int count = 1;  // answers affected; negative: until cleared
+  int count = 1;                       // answers affected; negative: until cleared
   std::chrono::milliseconds delay{0};  // wait before answering (cut short by stop)
   int status = 0;                      // answer this status with an empty JSON body
   bool notJson = false;                // answer 200 with a body that is not JSON
@@ -47,8 +47,8 @@ struct Fault {
 // What the back end knows of one device (by client-certificate CN).
 struct DeviceView {
   std::string commonName;
-  std::string gidToken;         // current token, empty before the first "da/gidtoken"
-  LumJson::Value reportedState; // members of the last "da/state" body (null before)
+  std::string gidToken;          // current token, empty before the first "da/gidtoken"
+  LumJson::Value reportedState;  // members of the last "da/state" body (null before)
   uint32_t opidSeqNum = 0;
   uint32_t gidSeqNum = 0;
   unsigned tokensIssued = 0;
@@ -200,7 +200,7 @@ class Backend {
   std::vector<std::string> allowedIds_;
   std::string consentUrl_;
   bool consentUrlSet_ = false;
-  uint64_t configVersion_ = 0;  // bumped by every push of tunables, ids or URL
+  uint64_t configVersion_ = 0;                  // bumped by every push of tunables, ids or URL
   LumJson::Value events_{LumJson::arrayValue};  // every queued event, in order
   bool synchronizedAnswer_ = true;
   unsigned long tokenCounter_ = 0;

@@ -39,9 +39,11 @@ std::string MultipartParser::Parameter(const std::string& value, const std::stri
   size_t start = value.find(';');
   while (start != std::string::npos) {
     size_t end = value.find(';', start + 1);
-    std::string item = Trim(value.substr(start + 1, end == std::string::npos ? end : end - start - 1));
+    std::string item =
+        Trim(value.substr(start + 1, end == std::string::npos ? end : end - start - 1));
     size_t equals = item.find('=');
-    if (equals != std::string::npos && strcasecmp(Trim(item.substr(0, equals)).c_str(), name.c_str()) == 0) {
+    if (equals != std::string::npos &&
+        strcasecmp(Trim(item.substr(0, equals)).c_str(), name.c_str()) == 0) {
       return Unquote(Trim(item.substr(equals + 1)));
     }
     start = end;

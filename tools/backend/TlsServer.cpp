@@ -181,8 +181,8 @@ bool TlsServer::start(const std::string& bindAddress, int port, std::string* err
       close(listenFd_);
       listenFd_ = -1;
     }
-    return Fail(error, "cannot listen on " + bindAddress + ":" + std::to_string(port) + ": " +
-                           reason);
+    return Fail(error,
+                "cannot listen on " + bindAddress + ":" + std::to_string(port) + ": " + reason);
   }
   socklen_t length = sizeof(address);
   getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length);

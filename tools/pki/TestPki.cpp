@@ -28,7 +28,8 @@ constexpr long kOcspNextUpdate = 7 * kDay;
 constexpr long kOcspExpiredThisUpdate = -2 * kDay;
 constexpr long kOcspExpiredNextUpdate = -kDay;
 
-constexpr const char* kServerNames = "DNS:*.lum.localhost,DNS:lum.localhost,DNS:localhost,IP:127.0.0.1";
+constexpr const char* kServerNames =
+    "DNS:*.lum.localhost,DNS:lum.localhost,DNS:localhost,IP:127.0.0.1";
 constexpr const char* kWrongHostName = "wrong.example.localhost";
 
 struct CertSpec {
@@ -190,11 +191,10 @@ bool MakeOcspResponse(const std::string& certPem, const std::string& caCertPem,
     return Fail(error, OpenSslErrorText("OCSP set-up"));
   }
   bool revoked = status == OcspStatus::Revoked;
-  if (OCSP_basic_add1_status(basic.get(), id.get(),
-                             revoked ? V_OCSP_CERTSTATUS_REVOKED : V_OCSP_CERTSTATUS_GOOD,
-                             revoked ? OCSP_REVOKED_STATUS_KEYCOMPROMISE : 0,
-                             revoked ? revokedAt.get() : nullptr, thisUpdate.get(),
-                             nextUpdate.get()) == nullptr ||
+  if (OCSP_basic_add1_status(
+          basic.get(), id.get(), revoked ? V_OCSP_CERTSTATUS_REVOKED : V_OCSP_CERTSTATUS_GOOD,
+          revoked ? OCSP_REVOKED_STATUS_KEYCOMPROMISE : 0, revoked ? revokedAt.get() : nullptr,
+          thisUpdate.get(), nextUpdate.get()) == nullptr ||
       OCSP_basic_sign(basic.get(), caCert.get(), caKey.get(), EVP_sha256(), nullptr, 0) != 1) {
     return Fail(error, OpenSslErrorText("OCSP signing"));
   }
@@ -261,23 +261,22 @@ bool TestPki::generate(std::string* error) {
   CertSpec untrustedCa{"Lum Untrusted Test CA", true, "", ""};
   CertSpec server{"lum.localhost", false, "serverAuth", kServerNames};
   CertSpec wrongHost{kWrongHostName, false, "serverAuth", std::string("DNS:") + kWrongHostName};
-  bool ok =
-      IssuePem(ca, KeyType::EcP256, noCa, noCa, &caCertPem_, &caKeyPem_, error) &&
-      IssuePem(untrustedCa, KeyType::EcP256, noCa, noCa, &untrustedCaCertPem_,
-               &untrustedCaKeyPem_, error) &&
-      IssuePem(server, KeyType::EcP256, caCertPem_, caKeyPem_, &serverCertPem_, &serverKeyPem_,
-               error) &&
-      IssuePem(server, KeyType::EcP256, untrustedCaCertPem_, untrustedCaKeyPem_,
-               &untrustedServerCertPem_, &untrustedServerKeyPem_, error) &&
-      IssuePem(wrongHost, KeyType::EcP256, caCertPem_, caKeyPem_, &wrongHostServerCertPem_,
-               &wrongHostServerKeyPem_, error);
+  bool ok = IssuePem(ca, KeyType::EcP256, noCa, noCa, &caCertPem_, &caKeyPem_, error) &&
+            IssuePem(untrustedCa, KeyType::EcP256, noCa, noCa, &untrustedCaCertPem_,
+                     &untrustedCaKeyPem_, error) &&
+            IssuePem(server, KeyType::EcP256, caCertPem_, caKeyPem_, &serverCertPem_,
+                     &serverKeyPem_, error) &&
+            IssuePem(server, KeyType::EcP256, untrustedCaCertPem_, untrustedCaKeyPem_,
+                     &untrustedServerCertPem_, &untrustedServerKeyPem_, error) &&
+            IssuePem(wrongHost, KeyType::EcP256, caCertPem_, caKeyPem_, &wrongHostServerCertPem_,
+                     &wrongHostServerKeyPem_, error);
   ok = ok &&
        MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Good, &ocspGood_,
                         error) &&
-       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Revoked,
-                        &ocspRevoked_, error) &&
-       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Expired,
-                        &ocspExpired_, error) &&
+       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Revoked, &ocspRevoked_,
+                        error) &&
+       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Expired, &ocspExpired_,
+                        error) &&
        MakeOcspResponse(untrustedServerCertPem_, untrustedCaCertPem_, untrustedCaKeyPem_,
                         OcspStatus::Good, &untrustedOcspGood_, error) &&
        MakeOcspResponse(wrongHostServerCertPem_, caCertPem_, caKeyPem_, OcspStatus::Good,

@@ -19,7 +19,9 @@ void BackendTest::TearDownTestSuite() {
   pki_ = nullptr;
 }
 
-void BackendTest::SetUp() { restartBackend(BackendOptions()); }
+void BackendTest::SetUp() {
+  restartBackend(BackendOptions());
+}
 
 void BackendTest::TearDown() {
   if (backend_) {
@@ -57,8 +59,7 @@ CurlResult BackendTest::postJson(const std::string& path, const std::string& tok
   LumJson::StreamWriterBuilder writer;
   writer["indentation"] = "";
   CurlRequest request = deviceRequest("POST", path, LumJson::writeString(writer, body));
-  request.headers = {"Accept: application/json",
-                     "Content-Type: application/json; charset=UTF-8"};
+  request.headers = {"Accept: application/json", "Content-Type: application/json; charset=UTF-8"};
   if (!token.empty()) {
     request.headers.push_back("Authorization: " + token);
   }

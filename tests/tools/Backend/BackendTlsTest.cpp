@@ -42,8 +42,8 @@ TEST_F(BackendTlsTest, OnlyDevicesOfTheTrustedCaAreServed) {
       EXPECT_EQ(recorded.clientCommonName, device_.commonName) << c.what;
       // libcurl sends the server name in lower case.
       EXPECT_STRCASEEQ(recorded.serverName.c_str(), "LUMTEST-da.lum.localhost");
-      EXPECT_EQ(recorded.host, std::string(kOpid) + "-da.lum.localhost:" +
-                                   std::to_string(backend_->port()));
+      EXPECT_EQ(recorded.host,
+                std::string(kOpid) + "-da.lum.localhost:" + std::to_string(backend_->port()));
     } else {
       EXPECT_EQ(backend_->requestCount(), 0u) << c.what;
     }
@@ -121,8 +121,8 @@ TEST_F(BackendTlsTest, OffersTheConfiguredProtocolRange) {
   CurlResult modern = PerformCurl(deviceRequest("GET", "/test/method"));
   EXPECT_FALSE(modern.ok());
   EXPECT_EQ(modern.code, CURLE_SSL_CONNECT_ERROR) << modern.error;
-  TlsProbeRequest old{backend_->port(), device_.certPem, device_.keyPem, device_.trustPem,
-                      TLS1_1_VERSION, TLS1_1_VERSION};
+  TlsProbeRequest old{backend_->port(), device_.certPem, device_.keyPem,
+                      device_.trustPem, TLS1_1_VERSION,  TLS1_1_VERSION};
   TlsProbeResult probe = ProbeTls(old);
   ASSERT_TRUE(probe.connected) << probe.error;
   EXPECT_EQ(probe.version, "TLSv1.1");

@@ -16,7 +16,7 @@ struct CurlRequest {
   std::string url;
   bool post = false;
   std::string body;
-  bool chunked = false;  // send the body with Transfer-Encoding: chunked
+  bool chunked = false;                          // send the body with Transfer-Encoding: chunked
   std::vector<Lum::Tools::MultipartPart> parts;  // a multipart form when not empty
   std::vector<std::string> headers;
   std::string certPem;

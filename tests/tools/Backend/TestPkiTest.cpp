@@ -129,8 +129,8 @@ TEST_F(TestPkiTest, OcspResponsesCarryTheirStatus) {
     int status = -1;
     int reason = 0;
     ASN1_GENERALIZEDTIME *revoked = nullptr, *thisUpdate = nullptr, *nextUpdate = nullptr;
-    ASSERT_EQ(OCSP_resp_find_status(basic.get(), id.get(), &status, &reason, &revoked,
-                                    &thisUpdate, &nextUpdate),
+    ASSERT_EQ(OCSP_resp_find_status(basic.get(), id.get(), &status, &reason, &revoked, &thisUpdate,
+                                    &nextUpdate),
               1);
     EXPECT_EQ(status, c.certStatus);
     // 300 s is the leeway libcurl grants, so "expired" must be well past it.
@@ -148,8 +148,8 @@ TEST_F(TestPkiTest, WrittenDirectoryLoadsBack) {
   TestPki loaded;
   ASSERT_TRUE(loaded.load(dir.path(), &error)) << error;
   EXPECT_EQ(loaded.caCertPem(), pki_->caCertPem());
-  for (auto kind : {ServerCertKind::Default, ServerCertKind::UntrustedCa,
-                    ServerCertKind::WrongHost}) {
+  for (auto kind :
+       {ServerCertKind::Default, ServerCertKind::UntrustedCa, ServerCertKind::WrongHost}) {
     EXPECT_EQ(loaded.serverCertPem(kind), pki_->serverCertPem(kind));
     EXPECT_EQ(loaded.serverKeyPem(kind), pki_->serverKeyPem(kind));
   }
