@@ -61,44 +61,4 @@ TEST(RWLock, WriterExcludesReadersAndWriters) {
   ExpectExcluded<LockRead, LockWrite>("writer while reading");
 }
 
-// Writers keep two fields equal; readers must never see them apart. Writers go
-// on until the readers have looked many times, so the two sides really
-// overlap. Under ThreadSanitizer a missing exclusion also shows up as a race.
-TEST(RWLock, ReadersNeverSeeAHalfWrite) {
-  RWLock lock;
-  long first = 0;   // guarded by lock
-  long second = 0;  // guarded by lock
-  std::atomic<bool> stop{false};
-  std::atomic<long> reads{0};
-  std::atomic<long> writes{0};
-  std::atomic<int> torn{0};
-  std::vector<std::thread> writers;
-  std::vector<std::thread> readers;
-  for (int r = 0; r < 2; ++r) {
-    readers.emplace_back([&] {
-      while (!stop.load()) {
-        LockRead read(&lock);
-        if (first != second) ++torn;
-        ++reads;
-      }
-    });
-  }
-  for (int w = 0; w < 2; ++w) {
-    writers.emplace_back([&] {
-      for (int i = 0; i < 2000 || reads.load() < 2000; ++i) {
-        LockWrite write(&lock);
-        ++first;
-        ++second;
-        ++writes;
-      }
-    });
-  }
-  for (auto& t : writers) t.join();
-  stop = true;
-  for (auto& t : readers) t.join();
-  EXPECT_EQ(torn.load(), 0);
-  EXPECT_EQ(first, writes.load());
-  EXPECT_EQ(second, writes.load());
-}
-
 }  // namespace

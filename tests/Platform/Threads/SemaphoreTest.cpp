@@ -149,40 +149,28 @@ TEST(TimedSem, InvalidDeadlineEndsTheWaitAfterAPause) {
   }
 }
 
-TEST(BinarySem, InitialTokenIsTakenOnce) {
-  Mutex mutex;
-  BinarySem sem(true, mutex);
-  sem.takeUnlocked();
-  std::atomic<bool> taken{false};
-  std::thread taker([&] {
-    sem.takeUnlocked();
-    taken = true;
-  });
-  // The token is gone, so the second take must block until the next give.
-  EXPECT_FALSE(LumTest::WaitFor([&] { return taken.load(); }, std::chrono::milliseconds(100)));
-  sem.giveUnlocked();
-  EXPECT_TRUE(LumTest::WaitFor([&] { return taken.load(); }));
-  taker.join();
-}
-
-TEST(BinarySem, TwoGivesMakeOneToken) {
-  Mutex mutex;
-  BinarySem sem(false, mutex);
-  {
-    LockMutex lock(&mutex);
-    sem.giveLocked();
-    sem.giveLocked();
-    sem.takeLocked();
+// Once the single token is consumed, a take on another thread blocks until the
+// next give, however the token was made available and however often given.
+TEST(BinarySem, TakeBlocksUntilTheNextGive) {
+  for (int gives : {0, 1, 2}) {
+    Mutex mutex;
+    BinarySem sem(gives == 0, mutex);
+    {
+      LockMutex lock(&mutex);
+      for (int i = 0; i < gives; ++i) sem.giveLocked();
+      sem.takeLocked();
+    }
+    std::atomic<bool> taken{false};
+    std::thread taker([&] {
+      sem.takeUnlocked();
+      taken = true;
+    });
+    EXPECT_FALSE(LumTest::WaitFor([&] { return taken.load(); }, std::chrono::milliseconds(100)))
+        << gives << " gives";
+    sem.giveUnlocked();
+    EXPECT_TRUE(LumTest::WaitFor([&] { return taken.load(); })) << gives << " gives";
+    taker.join();
   }
-  std::atomic<bool> taken{false};
-  std::thread taker([&] {
-    sem.takeUnlocked();
-    taken = true;
-  });
-  EXPECT_FALSE(LumTest::WaitFor([&] { return taken.load(); }, std::chrono::milliseconds(100)));
-  sem.giveUnlocked();
-  EXPECT_TRUE(LumTest::WaitFor([&] { return taken.load(); }));
-  taker.join();
 }
 
 // Two threads hand control back and forth; each side may only proceed after
