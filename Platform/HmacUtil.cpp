@@ -19,8 +19,9 @@ void HmacUtil::GetHmacSha256(std::vector<unsigned char> key, const std::string& 
   LUM_TRACE(FilterProperties::SERVICE_CORE);
   out.clear();
   OpenSslError::Clear();
-  // OpenSSL refuses a null key pointer even with length 0, while an empty key
-  // is legitimate for HMAC; point it at a dummy byte instead.
+  // An empty key is legitimate for HMAC, but an empty vector's data() may be
+  // null; hand OpenSSL a valid pointer so that case never rests on how it
+  // treats a null key.
   static const unsigned char kEmptyKey = 0;
   const unsigned char* keyBytes = key.empty() ? &kEmptyKey : key.data();
   unsigned char mac[EVP_MAX_MD_SIZE];
