@@ -249,6 +249,11 @@ bool PersistentValues::unmarshal(const std::string& text) {
     return false;
   }
   LogLoadedDocument(root);
+  applyDocument(root);
+  return true;
+}
+
+void PersistentValues::applyDocument(const LumJson::Value& root) {
   const std::string consentUrlBefore = daConsentUrl_;
   const std::set<std::string> allowedIdsBefore = dsAllowedDataItemIds_;
   const std::array<std::string, 5> gracenoteBefore = gracenoteValues();
@@ -256,6 +261,39 @@ bool PersistentValues::unmarshal(const std::string& text) {
   consentUrlChanged_ = consentUrlChanged_ || daConsentUrl_ != consentUrlBefore;
   allowedIdsChanged_ = allowedIdsChanged_ || dsAllowedDataItemIds_ != allowedIdsBefore;
   gracenoteChanged_ = gracenoteChanged_ || gracenoteValues() != gracenoteBefore;
+}
+
+bool PersistentValues::readBackEndTunables(const LumJson::Value& answer) {
+  if (!answer.isObject()) {
+    return false;
+  }
+  // The identity and sequence numbers come first in the table; the state
+  // answer reports those under their own names and the core reads them.
+  static const std::string kFirstTunable = "dsAggressiveQueuePercentage";
+  LumJson::Value tunables(LumJson::objectValue);
+  bool inTunables = false;
+  for (const Field& field : Fields()) {
+    inTunables = inTunables || kFirstTunable == field.key;
+    if (inTunables && answer.isMember(field.key)) {
+      tunables[field.key] = answer[field.key];
+    }
+  }
+  if (answer.isMember(kAllowedIdsKey)) {
+    tunables[kAllowedIdsKey] = answer[kAllowedIdsKey];
+  }
+  std::string before;
+  marshal(before);
+  const bool checkBefore = suCheckForSoftwareUpdate_;
+  applyDocument(tunables);
+  std::string after;
+  marshal(after);
+  if (before == after) {
+    return false;
+  }
+  persisted_ = false;
+  if (suCheckForSoftwareUpdate_ != checkBefore) {
+    synchronized_ = false;
+  }
   return true;
 }
 

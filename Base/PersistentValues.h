@@ -84,6 +84,12 @@ class PersistentValues {
   // that is not a JSON object changes nothing and returns false. Does not
   // change the persisted flag.
   bool unmarshal(const std::string& text);
+  // Takes the tunable values a state answer carries (every value from
+  // "dsAggressiveQueuePercentage" on, and the allowed ids), under the same
+  // keys as the file. Absent or mistyped members keep their value; a change
+  // marks the store for writing, and a changed software-update flag clears
+  // synchronized like its setter. True when anything changed.
+  bool readBackEndTunables(const LumJson::Value& answer);
 
   // Identity towards the back end and the device description last reported.
   const std::string& getGidToken() const { return gidToken_; }
@@ -268,6 +274,9 @@ class PersistentValues {
 
   void applyDeviceValues(const DeviceValues& device);
   void readDocument(const LumJson::Value& root);
+  // readDocument plus the change marks of the consent URL, allowed ids and
+  // content-recognition values.
+  void applyDocument(const LumJson::Value& root);
   std::array<std::string, 5> gracenoteValues() const;
 
   template <typename T>

@@ -1,0 +1,728 @@
+#include "Base/CoreManager.h"
+
+#include <sys/time.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "Base/CoreConfig.h"
+#include "Base/DeviceValues.h"
+#include "Base/EventManager.h"
+#include "Base/Injector.h"
+#include "Base/PersistentValues.h"
+#include "Base/ProductIdentity.h"
+#include "Base/VolatileValues.h"
+#include "Platform/Clock.h"
+#include "Platform/FileUtil.h"
+#include "Platform/JsonUtil.h"
+#include "Platform/LockMutex.h"
+#include "Platform/Logger.h"
+#include "Platform/RandomUtil.h"
+#include "Platform/StringSetUtil.h"
+#include "Platform/ThreadUtil.h"
+
+LUM_SOURCE_FILE("Base/CoreManager");
+
+namespace Lum {
+namespace Core {
+
+using FP = FilterProperties;
+
+namespace {
+
+constexpr int kCore = FP::SERVICE_CORE;
+constexpr unsigned kMaxBadSynchs = 3;
+constexpr const char* kStatusFrame = "----------------------------------------------------";
+
+// Copies a text into a malloc'd field; a failed allocation leaves it null.
+char* DuplicateText(const std::string& text) {
+  char* copy = static_cast<char*>(malloc(text.size() + 1));
+  if (copy != nullptr) {
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+  }
+  return copy;
+}
+
+void FreeText(char*& field) {
+  free(field);
+  field = nullptr;
+}
+
+void LogJson(const char* key, const LumJson::Value& value) {
+  if (Logger::Instance().test(kCore, FP::CATEGORY_TEST, FP::SEVERITY_DEBUG)) {
+    LumJson::Value wrapper(LumJson::objectValue);
+    wrapper[key] = value;
+    Logger::Instance().log(kLumSource, __LINE__, __func__, kCore, FP::CATEGORY_TEST,
+                           FP::SEVERITY_DEBUG, "%s", JsonUtil::WriteCompact(wrapper).c_str());
+  }
+}
+
+}  // namespace
+
+CoreManager* CoreManager::Instance() {
+  static CoreManager instance;
+  return &instance;
+}
+
+CoreManager::CoreManager() : statusSem_(true, mutex_) { logStatusInfo(); }
+
+void CoreManager::addManager(Manager* manager) { managers_.push_back(manager); }
+
+// ---------------------------------------------------------------- lifecycle
+
+unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  if (state_ == Initialized) {
+    return LUM_RESULT_REFUSED;
+  }
+  if (isTerminating()) {
+    return LUM_RESULT_TERMINATING;
+  }
+  state_ = Initialized;
+  timeval seed{};
+  gettimeofday(&seed, nullptr);
+  const uint32_t micros = static_cast<uint32_t>(seed.tv_usec);
+  RandomUtil::SetSeed(&micros, sizeof micros);
+
+  config_.reset(new CoreConfig(config));
+  identity_.reset(new ProductIdentity(identity));
+  device_.reset(new DeviceValues(device, config_->getEnableSwVersionSimulation(),
+                                   config_->getInitialSimulatedSwVersion(),
+                                   config_->getPersistentPath()));
+  persistent_.reset(new PersistentValues(*identity_, *config_, *device_));
+  volatile_.reset(new VolatileValues());
+  delaySem_.reset(new TimedSem(mutex_));
+  volatile_->lastCall = Clock::MonotonicNow();
+  loadTimeFile();
+
+  Http::Initialize(!config_->getSkipSslCryptoInit(), !config_->getSkipCurlGlobalInit());
+  ThreadUtil::Start(volatile_->stateControlThread, StateControl, this, "StateControl");
+
+  ManagerContext context;
+  context.configText = config;
+  context.config = config_.get();
+  context.identity = identity_.get();
+  context.device = device_.get();
+  context.persistent = persistent_.get();
+  EventManager::Instance()->initialize(context);
+  for (Manager* manager : managers_) {
+    manager->initialize(context);
+  }
+
+  if (persistent_->getSynchronized()) {
+    volatile_->startupDelay = true;
+    volatile_->evaluate = true;
+  }
+  signalStatusChange();
+  evaluateStateChanges();
+  logStateInfo();
+  return LUM_RESULT_SUCCESS;
+}
+
+unsigned CoreManager::terminate(bool factoryReset) {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  if (state_ == Uninitialized) {
+    return LUM_RESULT_NOT_INITIALIZED;
+  }
+  if (isTerminating()) {
+    return LUM_RESULT_TERMINATING;
+  }
+  state_ = factoryReset ? FactoryResetting : Terminating;
+  signalStatusChange();
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
+  delaySem_->reset();
+  EventManager::Instance()->terminateBegin();
+  for (Manager* manager : managers_) {
+    manager->terminateBegin();
+  }
+  evaluateStateChanges();
+  ThreadUtil::Start(volatile_->terminateThread, TerminateThread, this, "TerminateThread");
+  ThreadUtil::Detach(volatile_->terminateThread);
+  return LUM_RESULT_SUCCESS;
+}
+
+void* CoreManager::TerminateThread(void* arg) {
+  static_cast<CoreManager*>(arg)->runTermination();
+  return nullptr;
+}
+
+void CoreManager::runTermination() {
+  LUM_TRACE(kCore);
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
+  EventManager::Instance()->terminateEnd();
+  for (Manager* manager : managers_) {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
+    manager->terminateEnd();
+  }
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for StateControl to join");
+  ThreadUtil::Join(volatile_->stateControlThread);
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Performing Core cleanup");
+
+  LockMutex lock(&mutex_);
+  const std::string path = config_->getPersistentPath();
+  if (state_ == FactoryResetting) {
+    persistent_->drop(path);
+    FileUtil::Drop(path, timeFileName_);
+  } else {
+    storeTimeFile();
+  }
+  Http::Terminate();
+  RandomUtil::Cleanup();
+  releaseCoreValues();
+  state_ = Uninitialized;
+  signalStatusChange();
+}
+
+void CoreManager::releaseCoreValues() {
+  config_.reset();
+  identity_.reset();
+  device_.reset();
+  persistent_.reset();
+  volatile_.reset();
+  delaySem_.reset();
+  // The next start configures logging and scripted answers afresh.
+  Injector::Instance().terminate();
+  Logger::Instance().terminate();
+}
+
+// ---------------------------------------------------------------- time file
+
+void CoreManager::loadTimeFile() {
+  const std::string text = FileUtil::Load(config_->getPersistentPath(), timeFileName_);
+  if (text.empty()) {
+    return;
+  }
+  LumJson::Value stored;
+  if (!JsonUtil::ParseStrict(text, stored) || !stored.isObject()) {
+    return;
+  }
+  LogJson("coreTimeLoad", stored);
+  const LumJson::Value& sec = stored["sec"];
+  const LumJson::Value& nsec = stored["nsec"];
+  timespec last{};
+  last.tv_sec = sec.isIntegral() ? static_cast<time_t>(sec.asInt64()) : 0;
+  last.tv_nsec = nsec.isIntegral() ? static_cast<long>(nsec.asInt64()) : 0;
+  const timespec wall = Clock::WallNow();
+  const timespec mono = Clock::MonotonicNow();
+  if (IsBefore(wall, last)) {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Problem reading %s, lastCall is in the future. Defaulting to monotonic start as "
+            "reference.",
+            timeFileName_.c_str());
+    return;
+  }
+  // lastCall := monotonic now - (wall now - stored time). A call older than
+  // this boot lies before the monotonic origin, which is fine: only
+  // differences are ever taken.
+  const long long agoMs = DiffMilliseconds(wall, last);
+  const long long monoMs = static_cast<long long>(mono.tv_sec) * 1000 + mono.tv_nsec / 1000000;
+  volatile_->lastCall = FromMilliseconds(monoMs - agoMs);
+}
+
+void CoreManager::storeTimeFile() {
+  const timespec wall = Clock::WallNow();
+  const timespec mono = Clock::MonotonicNow();
+  timespec stored = wall;
+  const long long elapsedMs = DiffMilliseconds(mono, volatile_->lastCall);
+  if (elapsedMs < 0) {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Problem storing %s, elapsed time is negative. Defaulting to current time.",
+            timeFileName_.c_str());
+  } else {
+    const long long wallMs =
+        static_cast<long long>(wall.tv_sec) * 1000 + wall.tv_nsec / 1000000 - elapsedMs;
+    stored = FromMilliseconds(wallMs);
+    if (IsBefore(wall, stored)) {
+      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+              "Problem storing %s, lastCall is in the future. Defaulting to current time.",
+              timeFileName_.c_str());
+      stored = wall;
+    }
+  }
+  LumJson::Value value(LumJson::objectValue);
+  value["sec"] = static_cast<LumJson::Int64>(stored.tv_sec);
+  value["nsec"] = static_cast<LumJson::Int64>(stored.tv_nsec);
+  LogJson("coreTimeStore", value);
+  FileUtil::Store(config_->getPersistentPath(), timeFileName_, JsonUtil::WriteCompact(value));
+}
+
+// ---------------------------------------------------------------- scheduling
+
+MicroService CoreManager::chooseNextCall(bool& holdBack) {
+  holdBack = false;
+  if (persistent_->getSynchronized()) {
+    return CheckForNotification;
+  }
+  if (persistent_->getGidToken().empty()) {
+    return GetDeviceIdentity;
+  }
+  if (volatile_->badSynchs < kMaxBadSynchs) {
+    return SynchronizeCoreState;
+  }
+  // The back end keeps refusing the state: asking again at once would only
+  // hammer it, so the call waits its turn like a poll.
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+          "Too many SynchronizeCoreState calls in a row, delaying");
+  holdBack = true;
+  return volatile_->nextDws;
+}
+
+void CoreManager::evaluateStateChanges() {
+  if (state_ == Initialized && !volatile_->busy) {
+    bool holdBack = false;
+    const MicroService call = chooseNextCall(holdBack);
+    const bool changed = call != volatile_->nextDws;
+    if (changed || volatile_->evaluate) {
+      if (changed) {
+        LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
+        delaySem_->reset();
+      }
+      scheduleNextCall(call, holdBack);
+    }
+  }
+  if (persistent_ == nullptr) {
+    return;
+  }
+  if (persistent_->testDaConsentUrl()) {
+    signalStatusChange();
+  }
+  for (Manager* manager : managers_) {
+    manager->cascadeStateChanges();
+  }
+  if (!persistent_->isPersisted()) {
+    logStateInfo();
+    persistent_->store(config_->getPersistentPath());
+  }
+  persistent_->checkDeviceInfoCollector();
+  logStateDebug();
+}
+
+void CoreManager::scheduleNextCall(MicroService call, bool holdBack) {
+  VolatileValues& v = *volatile_;
+  const PersistentValues& p = *persistent_;
+  v.nextDws = call;
+  v.evaluate = false;
+  const timespec now = Clock::MonotonicNow();
+  if (v.retry) {
+    updateTimestamp(v.lastCall, v.nextCall, p.getDaRetryDelayFixedMs(), p.getDaRetryDelayVariedMs());
+  } else if (call != CheckForNotification && !holdBack) {
+    v.nextCall = now;
+  } else if (v.startupDelay && !holdBack) {
+    timespec standard{};
+    updateTimestamp(v.lastCall, standard, p.getDaPollDelayFixedMs(), p.getDaPollDelayVariedMs());
+    if (IsBefore(now, standard)) {
+      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "Using standard delay on core startup");
+      v.nextCall = standard;
+    } else {
+      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "Using startup delay on core startup");
+      v.lastCall = now;
+      updateTimestamp(now, v.nextCall, p.getDaStartupDelayFixedMs(),
+                      p.getDaStartupDelayVariedMs());
+    }
+  } else {
+    updateTimestamp(v.lastCall, v.nextCall, p.getDaPollDelayFixedMs(), p.getDaPollDelayVariedMs());
+  }
+}
+
+void CoreManager::updateTimestamp(const timespec& base, timespec& out, unsigned fixedMs,
+                                  unsigned variedMs) {
+  unsigned long long delay = fixedMs;
+  if (variedMs != 0) {
+    uint32_t random = 0;
+    RandomUtil::GetBytes(&random, sizeof random);
+    delay += random % variedMs + 1;
+  }
+  out = AddMilliseconds(base, delay);
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "calculated %u.%03us delay",
+          static_cast<unsigned>(delay / 1000), static_cast<unsigned>(delay % 1000));
+}
+
+// ---------------------------------------------------------------- StateControl
+
+void* CoreManager::StateControl(void* arg) {
+  CoreManager* self = static_cast<CoreManager*>(arg);
+  ControlLoop::Run("StateControl", kCore, self->mutex_, *self->delaySem_, *self);
+  return nullptr;
+}
+
+bool CoreManager::stopping() { return state_ != Initialized; }
+
+ControlCycle::Wait CoreManager::nextWait(timespec& deadline) {
+  deadline = volatile_->nextCall;
+  return Wait::Until;
+}
+
+std::string CoreManager::nextCallName() { return MicroServiceToString(volatile_->nextDws); }
+
+void CoreManager::prepMicroService(Http::Request& request) {
+  const MicroService ms = volatile_->nextDws;
+  LUM_LOG(kCore, FP::CATEGORY_WEBSERVICE, FP::SEVERITY_INFO, "%s initiated",
+          MicroServiceToString(ms));
+  volatile_->busy = true;
+  volatile_->retry = false;
+  volatile_->startupDelay = false;
+  volatile_->lastCall = Clock::MonotonicNow();
+
+  static const char* const kPaths[] = {"da/notification", "da/gidtoken", "da/state"};
+  if (ms <= SynchronizeCoreState) {
+    request.verb = Http::POST;
+  }
+  setRequestIdentity(request);
+  request.url = "https://" + persistent_->getCertOpid() + "-da." + persistent_->getCertInstance() +
+                "/api/v1/" + (ms <= SynchronizeCoreState ? kPaths[ms] : "");
+  setRequestHeaderDate(request);
+  setRequestHeaderAcceptJson(request);
+  setRequestHeaderContentTypeJson(request);
+  setRequestHeaderAuthorizedGid(request);
+  request.body = buildRequestBody(ms);
+  request.connectTimeout = persistent_->getDaConnectTimeoutMs();
+  request.messageTimeout = persistent_->getDaMessageTimeoutMs();
+}
+
+std::string CoreManager::buildRequestBody(MicroService ms) {
+  const PersistentValues& p = *persistent_;
+  LumJson::Value body(LumJson::objectValue);
+  switch (ms) {
+    case GetDeviceIdentity:
+      body["daId"] = device_->getId();
+      body["daTestMode"] = p.getTestMode();
+      break;
+    case SynchronizeCoreState:
+      body["daTestMode"] = p.getTestMode();
+      body["daId"] = device_->getId();
+      body["daModel"] = device_->getModel();
+      body["daSubModel"] = device_->getSubModel();
+      body["daBrand"] = device_->getBrand();
+      body["daSwVersion"] = device_->getSwVersion();
+      body["daVersion"] = p.getSdkVersion();
+      body["daOpidSeqNum"] = p.getOpidSeqNum();
+      body["daGidSeqNum"] = p.getGidSeqNum();
+      body["suCheckForSoftwareUpdate"] = p.getSuCheckForSoftwareUpdate();
+      break;
+    case CheckForNotification:
+      body["daOpidSeqNum"] = p.getOpidSeqNum();
+      body["daGidSeqNum"] = p.getGidSeqNum();
+      break;
+  }
+  return JsonUtil::WriteCompact(body);
+}
+
+void CoreManager::postMicroService(Http::Response& response) {
+  const MicroService ms = volatile_->nextDws;
+  volatile_->busy = false;
+  volatile_->evaluate = true;
+  const long status = response.statusCode;
+  if (isTerminating()) {
+    // The value objects are still alive until the terminate thread joins us,
+    // but nothing learnt now should be acted on.
+    return;
+  }
+  if (status < 300) {
+    getResponseBody(ms, response.body);
+  } else {
+    volatile_->retry = true;
+    if (status == 422) {
+      retireGidToken();
+    } else if (status == 428) {
+      setNotSynchronized();
+    }
+  }
+  evaluateStateChanges();
+  LUM_LOG(kCore, FP::CATEGORY_WEBSERVICE, FP::SEVERITY_INFO, "%s processed (%u)",
+          MicroServiceToString(ms), static_cast<unsigned>(status));
+}
+
+void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
+  LumJson::Value answer;
+  if (!JsonUtil::ParseStrict(body, answer) || !answer.isObject()) {
+    return;
+  }
+  PersistentValues& p = *persistent_;
+  switch (ms) {
+    case GetDeviceIdentity:
+      p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()));
+      break;
+    case CheckForNotification:
+      if (!JsonUtil::ReadBool(answer, "daStateSynchronized", true)) {
+        p.setSynchronized(false);
+      }
+      break;
+    case SynchronizeCoreState:
+      readSynchronizeAnswer(answer);
+      break;
+  }
+}
+
+void CoreManager::readSynchronizeAnswer(const LumJson::Value& answer) {
+  PersistentValues& p = *persistent_;
+  VolatileValues& v = *volatile_;
+  bool synchronized = JsonUtil::ReadBool(answer, "daSynchronized", p.getSynchronized());
+  if (v.pending) {
+    // A local change arrived while this call was in flight: the back end has
+    // not seen it, so another synchronisation must follow.
+    v.pending = false;
+    v.badSynchs = 0;
+    synchronized = false;
+  } else {
+    v.badSynchs = synchronized ? 0 : v.badSynchs + 1;
+  }
+  p.setSynchronized(synchronized);
+  const bool opidChanged = p.setOpidSeqNum(JsonUtil::ReadUnsigned(answer, "daOpidSeqNum", p.getOpidSeqNum()));
+  const bool gidChanged = p.setGidSeqNum(JsonUtil::ReadUnsigned(answer, "daGidSeqNum", p.getGidSeqNum()));
+  p.setDaSupportViewEnabled(JsonUtil::ReadBool(answer, "daSupportViewEnabled", p.getDaSupportViewEnabled()));
+  if (opidChanged || gidChanged) {
+    queueEvents(answer["daEvents"]);
+  }
+  p.readBackEndTunables(answer);
+}
+
+void CoreManager::queueEvents(const LumJson::Value& events) {
+  if (!events.isArray()) {
+    return;
+  }
+  for (const LumJson::Value& entry : events) {
+    if (!entry.isObject() || !entry["event"].isString()) {
+      continue;
+    }
+    const LumJson::Value& id = entry["id"];
+    const LumJson::Value& parameters = entry["parameters"];
+    EventManager::Instance()->queueEvent(entry["event"].asString(),
+                                         id.isUInt() ? id.asUInt() : 0u,
+                                         parameters.isString() ? parameters.asString() : "");
+  }
+}
+
+// ---------------------------------------------------------------- decorators
+
+void CoreManager::setRequestHeaderDate(Http::Request& request) {
+  const timespec now = Clock::WallNow();
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+  char header[64];
+  if (strftime(header, sizeof header, "Date: %FT%TZ", &utc) > 0) {
+    request.headers.push_back(header);
+  }
+}
+
+void CoreManager::setRequestHeaderAcceptJson(Http::Request& request) {
+  request.headers.push_back("Accept: application/json");
+}
+
+void CoreManager::setRequestHeaderContentTypeJson(Http::Request& request) {
+  request.headers.push_back("Content-Type: application/json; charset=UTF-8");
+}
+
+void CoreManager::setRequestHeaderAuthorizedGid(Http::Request& request) {
+  const std::string& token = persistent_->getGidToken();
+  if (!token.empty()) {
+    request.headers.push_back("Authorization: " + token);
+  }
+}
+
+void CoreManager::setRequestIdentity(Http::Request& request) {
+  request.clientKey = identity_->getKey();
+  request.clientCertificate = identity_->getCert();
+  request.caCertificates = identity_->getTrust();
+  request.clientKeyPassword = identity_->getPassword();
+}
+
+// ---------------------------------------------------------------- host calls
+
+unsigned CoreManager::enableTestMode() {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  if (state_ == Uninitialized) {
+    return LUM_RESULT_NOT_INITIALIZED;
+  }
+  if (persistent_->setTestMode(true)) {
+    signalStatusChange();
+    if (!persistent_->getSynchronized() && volatile_->busy) {
+      volatile_->pending = true;
+    }
+  }
+  evaluateStateChanges();
+  return LUM_RESULT_SUCCESS;
+}
+
+unsigned CoreManager::checkForSoftwareUpdate() {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  if (state_ == Uninitialized) {
+    return LUM_RESULT_NOT_INITIALIZED;
+  }
+  if (persistent_->setSuCheckForSoftwareUpdate(true) && volatile_->busy) {
+    volatile_->pending = true;
+  }
+  evaluateStateChanges();
+  return LUM_RESULT_SUCCESS;
+}
+
+void CoreManager::setNotSynchronized() {
+  if (persistent_->setSynchronized(false) && volatile_->busy) {
+    volatile_->pending = true;
+  }
+}
+
+void CoreManager::retireGidToken() {
+  persistent_->setGidToken("");
+  persistent_->setOpidSeqNum(0);
+  persistent_->setGidSeqNum(0);
+  setNotSynchronized();
+}
+
+unsigned CoreManager::supervisorLog(int severity, const std::string& text) {
+  {
+    LockMutex lock(&mutex_);
+    if (state_ != Initialized) {
+      return LUM_RESULT_NOT_INITIALIZED;
+    }
+  }
+  if (severity >= FP::SEVERITY_FATAL && severity <= FP::SEVERITY_TRACE &&
+      Logger::Instance().test(kCore, FP::CATEGORY_SUPERVISOR, severity)) {
+    // The host's own lines: category "supervisor" keeps them apart from the
+    // agent's, and the text is written as given, never as a format.
+    Logger::Instance().log(kLumSource, __LINE__, __func__, kCore,
+                           FP::CATEGORY_SUPERVISOR, severity, "%s", text.c_str());
+  }
+  return LUM_RESULT_SUCCESS;
+}
+
+// ---------------------------------------------------------------- status
+
+void CoreManager::signalStatusChange() {
+  logStatusInfo();
+  statusSem_.giveLocked();
+}
+
+unsigned CoreManager::getStatus(LumStatusMethod method, LumStatus* status) {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  if (method == LumStatusMethodOnChange) {
+    statusSem_.takeLocked();
+  }
+  fillStatus(status);
+  return LUM_RESULT_SUCCESS;
+}
+
+void CoreManager::fillStatus(LumStatus* status) {
+  memset(status, 0, sizeof *status);
+  status->deviceAgentState = state_;
+  // Fixed until the support view and software update report their own.
+  status->sessionState = LumSessionNone;
+  status->updateSource = 1;
+  if (state_ == Uninitialized || persistent_ == nullptr) {
+    return;
+  }
+  const PersistentValues& p = *persistent_;
+  status->testMode = p.getTestMode() ? 1 : 0;
+  status->sdkVersion = DuplicateText(p.getSdkVersion());
+  status->deviceId = DuplicateText(p.getDeviceId());
+  status->certOpid = DuplicateText(p.getCertOpid());
+  status->certInstance = DuplicateText(p.getCertInstance());
+  status->allowedDataItemIds =
+      DuplicateText(StringSetUtil::StringSetToCsvString(p.getDsAllowedDataItemIds()));
+  status->consentUrl = DuplicateText(p.getDaConsentUrl());
+  status->swVersion = DuplicateText(device_->getSwVersion());
+}
+
+unsigned CoreManager::freeStatus(LumStatus* status) {
+  LUM_TRACE(kCore);
+  LockMutex lock(&mutex_);
+  FreeText(status->sdkVersion);
+  FreeText(status->deviceId);
+  FreeText(status->certOpid);
+  FreeText(status->certInstance);
+  FreeText(status->allowedDataItemIds);
+  FreeText(status->consentUrl);
+  FreeText(status->sessionCode);
+  FreeText(status->swVersion);
+  FreeText(status->updateVersion);
+  FreeText(status->updateStagingFile);
+  FreeText(status->updateHash);
+  return LUM_RESULT_SUCCESS;
+}
+
+// ---------------------------------------------------------------- logging
+
+const char* CoreManager::DeviceAgentStateToString(int state) {
+  switch (state) {
+    case Uninitialized:
+      return "Uninitialized";
+    case Initialized:
+      return "Initialized";
+    case Terminating:
+      return "Terminating";
+    case FactoryResetting:
+      return "FactoryResetting";
+    default:
+      return "Unknown";
+  }
+}
+
+void CoreManager::logStateInfo() {
+  if (persistent_ == nullptr ||
+      !Logger::Instance().test(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO)) {
+    return;
+  }
+  const PersistentValues& p = *persistent_;
+  Logger::Instance().log(kLumSource, __LINE__, __func__, kCore, FP::CATEGORY_STATE,
+                         FP::SEVERITY_INFO,
+                         "Core State Change:  synch=%c gid=%c std<%02u%% seqnum=%u/%u",
+                         p.getSynchronized() ? 'Y' : 'N', p.getGidToken().empty() ? 'N' : 'Y',
+                         p.getDsAggressiveQueuePercentage(), p.getOpidSeqNum(), p.getGidSeqNum());
+}
+
+void CoreManager::logStatusInfo() {
+  if (!Logger::Instance().test(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO)) {
+    return;
+  }
+  const bool known = persistent_ != nullptr;
+  auto text = [known](const std::string& value) { return known ? value.c_str() : ""; };
+  const std::string empty;
+  const PersistentValues* p = persistent_.get();
+  const std::string allowed =
+      known ? StringSetUtil::StringSetToCsvString(p->getDsAllowedDataItemIds()) : empty;
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s", kStatusFrame);
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Device Agent State    = %s",
+          DeviceAgentStateToString(state_));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Device Agent Mode     = %s",
+          known && p->getTestMode() ? "Test" : "Production");
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "SDK Version           = %s",
+          text(known ? p->getSdkVersion() : empty));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Device ID             = %s",
+          text(known ? p->getDeviceId() : empty));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "OPID                  = %s",
+          text(known ? p->getCertOpid() : empty));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Cloud                 = %s",
+          text(known ? p->getCertInstance() : empty));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Allowed Data Item Ids = %s",
+          allowed.c_str());
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Consent URL           = %s",
+          text(known ? p->getDaConsentUrl() : empty));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Session State         = %s",
+          known && p->getDaSupportViewEnabled() ? "None" : "Disabled");
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Sofware Version       = %s",
+          device_ != nullptr ? device_->getSwVersion().c_str() : "");
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Update State          = %s",
+          "NotAvailable");
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s", kStatusFrame);
+}
+
+void CoreManager::logStateDebug() {
+  if (!Logger::Instance().test(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
+    return;
+  }
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "state                                : %s",
+          DeviceAgentStateToString(state_));
+  if (identity_ != nullptr) identity_->logStateDebug();
+  if (config_ != nullptr) config_->logStateDebug();
+  if (device_ != nullptr) device_->logStateDebug();
+  if (persistent_ != nullptr) persistent_->logStateDebug();
+  if (volatile_ != nullptr) volatile_->logStateDebug();
+}
+
+}  // namespace Core
+}  // namespace Lum

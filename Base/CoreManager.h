@@ -1,0 +1,132 @@
+#pragma once
+
+#include <lum.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Base/ControlLoop.h"
+#include "Base/CoreMicroService.h"
+#include "Base/Manager.h"
+#include "Platform/BinarySem.h"
+#include "Platform/FilterProperties.h"
+#include "Platform/Http.h"
+#include "Platform/LumJson.h"
+#include "Platform/Mutex.h"
+#include "Platform/Thread.h"
+#include "Platform/TimedSem.h"
+
+namespace Lum {
+namespace Core {
+
+class CoreConfig;
+class DeviceValues;
+class PersistentValues;
+class ProductIdentity;
+class VolatileValues;
+
+enum DeviceAgentState {
+  Uninitialized = 0,
+  Initialized = 1,
+  Terminating = 2,
+  FactoryResetting = 3
+};
+
+// Owns the agent's lifecycle and its registration with the back end: it
+// builds the core value objects at start, keeps the device synchronised
+// through "StateControl", starts and stops every other manager, and fills
+// the host's status record.
+//
+// Everything below is guarded by mutex_ (the core mutex, which every manager
+// shares); StateControl releases it only while it waits and while HTTP runs.
+class CoreManager : private ControlCycle {
+ public:
+  static CoreManager* Instance();
+
+  unsigned initialize(const char* identity, const char* config, const char* device);
+  unsigned terminate(bool factoryReset);
+  unsigned getStatus(LumStatusMethod method, LumStatus* status);
+  unsigned freeStatus(LumStatus* status);
+  unsigned enableTestMode();
+  unsigned checkForSoftwareUpdate();
+  unsigned supervisorLog(int severity, const std::string& text);
+
+  // Called by other managers with the mutex held.
+  void setNotSynchronized();
+  void retireGidToken();
+  void evaluateStateChanges();
+  void signalStatusChange();
+
+  // Managers started after the event manager, in start order. The core
+  // starts, cascades to and stops them; their own files register them.
+  void addManager(Manager* manager);
+
+  Mutex& getMutex() { return mutex_; }
+  DeviceAgentState getDeviceAgentState() const { return state_; }
+  ProductIdentity* getCoreIdentityPtr() { return identity_.get(); }
+  CoreConfig* getCoreConfigPtr() { return config_.get(); }
+  DeviceValues* getCoreDevicePtr() { return device_.get(); }
+  PersistentValues* getCorePersistentPtr() { return persistent_.get(); }
+
+  // Request decorators shared by every manager's request cycle.
+  static void setRequestHeaderDate(Http::Request& request);
+  static void setRequestHeaderAcceptJson(Http::Request& request);
+  static void setRequestHeaderContentTypeJson(Http::Request& request);
+  void setRequestHeaderAuthorizedGid(Http::Request& request);
+  void setRequestIdentity(Http::Request& request);
+
+  // out := base + fixedMs, or + fixedMs + (random mod variedMs) + 1 ms.
+  static void updateTimestamp(const timespec& base, timespec& out, unsigned fixedMs,
+                              unsigned variedMs);
+
+  static const char* DeviceAgentStateToString(int state);
+
+  void logStateDebug();
+  void logStateInfo();
+  void logStatusInfo();
+
+ private:
+  CoreManager();
+
+  // ControlCycle: the core's request cycle, run by StateControl.
+  bool stopping() override;
+  Wait nextWait(timespec& deadline) override;
+  std::string nextCallName() override;
+  void prepMicroService(Http::Request& request) override;
+  void postMicroService(Http::Response& response) override;
+
+  static void* StateControl(void* arg);
+  static void* TerminateThread(void* arg);
+  void runTermination();
+
+  // The call to run next; `holdBack` when it must wait a poll delay even
+  // though it is not a poll.
+  MicroService chooseNextCall(bool& holdBack);
+  void scheduleNextCall(MicroService call, bool holdBack);
+  void getResponseBody(MicroService ms, const std::string& body);
+  void readSynchronizeAnswer(const LumJson::Value& answer);
+  void queueEvents(const LumJson::Value& events);
+  std::string buildRequestBody(MicroService ms);
+  void loadTimeFile();
+  void storeTimeFile();
+  void releaseCoreValues();
+  void fillStatus(LumStatus* status);
+  bool isTerminating() const { return state_ == Terminating || state_ == FactoryResetting; }
+
+  const std::string timeFileName_ = "daTime";
+  const std::string swVersionFileName_ = "swVersion";
+  Mutex mutex_;
+  DeviceAgentState state_ = Uninitialized;
+  std::unique_ptr<CoreConfig> config_;
+  std::unique_ptr<ProductIdentity> identity_;
+  std::unique_ptr<DeviceValues> device_;
+  std::unique_ptr<PersistentValues> persistent_;
+  std::unique_ptr<VolatileValues> volatile_;
+  std::unique_ptr<TimedSem> delaySem_;
+  BinarySem statusSem_;
+  std::vector<Manager*> managers_;
+};
+
+}  // namespace Core
+}  // namespace Lum

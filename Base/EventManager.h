@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+
+#include "Base/Manager.h"
+#include "Platform/BinarySem.h"
+#include "Platform/Thread.h"
+
+namespace Lum {
+namespace Core {
+
+// Carries out the events the back end pushes with a state answer, one at a
+// time on "EventControl", so that a slow action (a browser, a support
+// session) never holds up the core loop.
+//
+// queue_, terminating_, persistent_ and the handlers are guarded by the core
+// mutex (CoreManager::getMutex), which sem_ is bound to.
+class EventManager : public Manager {
+ public:
+  // An action another subsystem offers for an event; runs without the core
+  // mutex. Returns false when the action is refused (for the log).
+  using Handler = std::function<bool(uint32_t id, const std::string& parameters)>;
+
+  static EventManager* Instance();
+
+  void initialize(const ManagerContext& context) override;
+  void terminateBegin() override;
+  void terminateEnd() override;
+  const char* waitName() const override { return "EventManager"; }
+
+  // Called with the core mutex held.
+  void queueEvent(const std::string& event, uint32_t id, const std::string& parameters);
+
+  // Wires "startsvsession" and "softwareupdate" to the managers that act on
+  // them; an unwired event is suppressed or ignored. Called with the core
+  // mutex held, before the managers start.
+  void setSessionStarter(Handler handler);
+  void setUpdateSourceSetter(Handler handler);
+
+  // Shows the consent page in the device's browser; returns the child's pid
+  // (or -1) without waiting for it.
+  static pid_t PerformConsentNotification(const std::string& url);
+
+ private:
+  struct Event {
+    std::string event;
+    uint32_t id;
+    std::string parameters;
+  };
+
+  EventManager();
+  static void* EventControl(void* arg);
+  void runEvents();
+  void perform(const Event& event, const Handler& sessionStarter, const Handler& updateSetter,
+               const std::string& consentUrl);
+
+  Thread thread_;
+  BinarySem sem_;
+  std::deque<Event> queue_;
+  bool terminating_ = false;
+  PersistentValues* persistent_ = nullptr;
+  Handler sessionStarter_;
+  Handler updateSourceSetter_;
+};
+
+}  // namespace Core
+}  // namespace Lum

@@ -1,0 +1,314 @@
+// Start, restart, reset and stop of the agent through its C interface.
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "AgentHarness.h"
+#include "Platform/Clock.h"
+#include "Platform/FileUtil.h"
+#include "Platform/JsonUtil.h"
+
+namespace {
+
+using LumTest::AgentHarness;
+using LumTest::QuickTunables;
+using LumTest::WaitFor;
+using Lum::Core::FileUtil;
+using Lum::Core::JsonUtil;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+size_t ThreadCount() {
+  size_t count = 0;
+  if (DIR* dir = opendir("/proc/self/task")) {
+    while (dirent* entry = readdir(dir)) {
+      if (entry->d_name[0] != '.') {
+        ++count;
+      }
+    }
+    closedir(dir);
+  }
+  return count;
+}
+
+TEST(CoreLifecycle, RestartKeepsTokenAndSequenceNumbersAndHonoursTheTimeFile) {
+  AgentHarness agent;
+  agent.backend().pushTunables(QuickTunables(60000));
+  agent.backend().queueEvent("noop", 1);
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.waitForLog("SynchronizeCoreState processed (200)", seconds(10)));
+  ASSERT_TRUE(agent.stop());
+
+  LumJson::Value core;
+  ASSERT_TRUE(JsonUtil::ParseStrict(FileUtil::Load(agent.persistentPath(), "core"), core));
+  const std::string token = core["gidToken"].asString();
+  EXPECT_FALSE(token.empty());
+  EXPECT_TRUE(core["synchronized"].asBool());
+  EXPECT_GT(core["opidSeqNum"].asUInt() + core["gidSeqNum"].asUInt(), 0u);
+  LumJson::Value time;
+  ASSERT_TRUE(JsonUtil::ParseStrict(FileUtil::Load(agent.persistentPath(), "daTime"), time));
+  EXPECT_TRUE(time["sec"].isIntegral());
+
+  agent.backend().clearRequests();
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  // Synchronised with a token: the restart goes straight to polling, but
+  // only once the poll delay since the last call before the restart passed.
+  EXPECT_TRUE(agent.waitForLog("Using standard delay on core startup", seconds(5)));
+  EXPECT_TRUE(agent.waitForLog(" seconds before running CheckForNotification", seconds(5)));
+  EXPECT_FALSE(agent.logContains("before running GetDeviceIdentity"));
+  // A local change makes the device report at once, with what it kept.
+  ASSERT_EQ(LumCheckForSoftwareUpdate(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
+  const auto request = agent.backend().requests().front();
+  EXPECT_EQ(request.path, "/api/v1/da/state");
+  EXPECT_EQ(request.header("Authorization"), token);
+  LumJson::Value body;
+  ASSERT_TRUE(JsonUtil::ParseStrict(request.body, body));
+  EXPECT_EQ(body["daOpidSeqNum"].asUInt(), core["opidSeqNum"].asUInt());
+  EXPECT_EQ(body["daGidSeqNum"].asUInt(), core["gidSeqNum"].asUInt());
+  EXPECT_TRUE(body["suCheckForSoftwareUpdate"].asBool());
+  EXPECT_TRUE(agent.stop());
+}
+
+// A wall clock that runs ahead of the system's by a fixed amount.
+class ShiftedClock : public Lum::Core::Clock {
+ public:
+  explicit ShiftedClock(time_t shift) : shift_(shift) {}
+  timespec wall() const override {
+    timespec now = Lum::Core::Clock::wall();
+    now.tv_sec += shift_;
+    return now;
+  }
+
+ private:
+  time_t shift_;
+};
+
+TEST(CoreLifecycle, TimeFileInTheFutureOrLongPastChoosesTheStartupReference) {
+  struct Case {
+    const char* name;
+    time_t wallShift;  // how far the wall clock jumped between the runs
+    const char* expectedLine;
+  };
+  const Case cases[] = {
+      {"clock jumped back", -7200,
+       "Problem reading daTime, lastCall is in the future. Defaulting to monotonic start as "
+       "reference."},
+      {"an hour passed", 3600, "Using startup delay on core startup"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    AgentHarness agent;
+    agent.backend().pushTunables(QuickTunables(600000));
+    ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+    ASSERT_TRUE(agent.waitForLog("SynchronizeCoreState processed (200)", seconds(10)));
+    ASSERT_TRUE(agent.stop());
+
+    ShiftedClock shifted(c.wallShift);
+    Lum::Core::Clock::Set(&shifted);
+    agent.backend().clearRequests();
+    ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+    EXPECT_TRUE(agent.waitForLog(c.expectedLine, seconds(5)));
+    EXPECT_TRUE(agent.stop());
+    Lum::Core::Clock::Set(nullptr);
+  }
+}
+
+TEST(CoreLifecycle, FactoryResetDropsPersistedStateAndTheNextStartRegistersAfresh) {
+  AgentHarness agent;
+  agent.backend().pushTunables(QuickTunables(60000));
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForAnswers(2, seconds(10)));
+  ASSERT_TRUE(WaitFor([&] { return !FileUtil::Load(agent.persistentPath(), "core").empty(); }));
+  ASSERT_TRUE(agent.stop(/*factoryReset=*/true));
+  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "core"), "");
+  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "daTime"), "");
+
+  agent.backend().clearRequests();
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
+  EXPECT_EQ(agent.calls().front(), "da/gidtoken");
+  EXPECT_TRUE(agent.stop());
+}
+
+TEST(CoreLifecycle, SecondInitIsRefusedAndStopReportsItsState) {
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  EXPECT_EQ(LumTerm(), LUM_RESULT_NOT_INITIALIZED);
+  EXPECT_EQ(LumEnableTestMode(), LUM_RESULT_NOT_INITIALIZED);
+  EXPECT_EQ(LumCheckForSoftwareUpdate(), LUM_RESULT_NOT_INITIALIZED);
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(agent.init(), LUM_RESULT_REFUSED);
+  EXPECT_EQ(LumTerm(), LUM_RESULT_SUCCESS);
+  // Until the terminate thread is done the agent is shutting down.
+  const unsigned again = LumTerm();
+  EXPECT_TRUE(again == LUM_RESULT_TERMINATING || again == LUM_RESULT_NOT_INITIALIZED);
+  ASSERT_TRUE(agent.waitForState(LumDeviceAgentUninitialized, seconds(10)));
+}
+
+TEST(CoreLifecycle, StatusFollowerWakesOnEachChangeAndReturnsDuringShutdown) {
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  std::atomic<bool> sawInitialized{false};
+  std::atomic<bool> sawZeroAfterStart{false};
+  std::atomic<bool> done{false};
+  std::thread follower([&] {
+    while (!done) {
+      LumStatus status{};
+      if (LumGetStatus(LumStatusMethodOnChange, &status) != LUM_RESULT_SUCCESS) {
+        break;
+      }
+      const unsigned state = status.deviceAgentState;
+      LumFreeStatus(&status);
+      if (state == LumDeviceAgentInitialized) {
+        sawInitialized = true;
+      } else if (state == LumDeviceAgentUninitialized && sawInitialized) {
+        sawZeroAfterStart = true;
+        done = true;
+      }
+    }
+  });
+  EXPECT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  EXPECT_TRUE(WaitFor([&] { return sawInitialized.load(); }, seconds(5)));
+  EXPECT_EQ(LumEnableTestMode(), LUM_RESULT_SUCCESS);
+  LumTerm();
+  EXPECT_TRUE(WaitFor([&] { return done.load(); }, seconds(10)));
+  if (!done) {
+    // Unblock a follower that missed the end so the test can fail cleanly.
+    done = true;
+    agent.init();
+    agent.stop();
+  }
+  follower.join();
+  EXPECT_TRUE(sawZeroAfterStart);
+}
+
+TEST(CoreLifecycle, StatusBeforeInitAndWhileRunning) {
+  LumStatus status;
+  memset(&status, 0xAB, sizeof status);
+  status.sdkVersion = nullptr;
+  ASSERT_EQ(LumGetStatus(LumStatusMethodImmediate, &status), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(status.deviceAgentState, 0u);
+  EXPECT_EQ(status.sessionState, 6u);
+  EXPECT_EQ(status.updateSource, 1u);
+  EXPECT_EQ(status.testMode, 0u);
+  EXPECT_EQ(status.deviceId, nullptr);
+  EXPECT_EQ(status.updateHash, nullptr);
+  EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
+
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_EQ(LumEnableTestMode(), LUM_RESULT_SUCCESS);
+  ASSERT_EQ(LumGetStatus(LumStatusMethodImmediate, &status), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(status.deviceAgentState, 1u);
+  EXPECT_EQ(status.testMode, 1u);
+  ASSERT_NE(status.deviceId, nullptr);
+  EXPECT_STREQ(status.deviceId, "SN-0001");
+  EXPECT_STREQ(status.certOpid, AgentHarness::kOpid.c_str());
+  EXPECT_STREQ(status.swVersion, "1.0.0");
+  EXPECT_EQ(status.sessionCode, nullptr);
+  // Freeing empties exactly the text fields; the numbers stay as filled.
+  status.updatePercentDownloaded = 42;
+  EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(status.sdkVersion, nullptr);
+  EXPECT_EQ(status.deviceId, nullptr);
+  EXPECT_EQ(status.swVersion, nullptr);
+  EXPECT_EQ(status.deviceAgentState, 1u);
+  EXPECT_EQ(status.updatePercentDownloaded, 42u);
+  EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
+  EXPECT_TRUE(agent.stop());
+}
+
+TEST(CoreLifecycle, BadArgumentsReturnFiveWithTheirLine) {
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  const std::string identity = agent.identityText();
+  LumStatus status{};
+  status.deviceAgentState = 77;
+  struct Case {
+    const char* name;
+    unsigned result;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"init", LumInit(identity.c_str(), nullptr, nullptr), "LumInit() called with bad config value"},
+      {"init identity", LumInit(nullptr, nullptr, nullptr),
+       "LumInit() called with bad identity value"},
+      {"status method", LumGetStatus(static_cast<LumStatusMethod>(2), &status),
+       "LumGetStatus() called with bad method value"},
+      {"status record", LumGetStatus(LumStatusMethodImmediate, nullptr),
+       "LumGetStatus() called with bad status value"},
+      {"free", LumFreeStatus(nullptr), "LumFreeStatus() called with bad status value"},
+      {"log severity", LumLogMessage(6, "x"), "LumLogMessage() called with bad severity value"},
+      {"log format", LumLogMessage(0, nullptr), "LumLogMessage() called with bad format value"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.result, LUM_RESULT_BAD_ARGUMENT);
+    EXPECT_TRUE(agent.logContains(c.line));
+  }
+  EXPECT_EQ(status.deviceAgentState, 77u);
+  // Only the first failing argument is reported.
+  EXPECT_FALSE(agent.logContains("LumInit() called with bad device value"));
+
+  EXPECT_EQ(LumLogMessage(0, "%d", 7), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(LumLogMessage(5, "host says %s", "bye"), LUM_RESULT_SUCCESS);
+  EXPECT_TRUE(agent.stop());
+  // Short format: service, category, severity, message.
+  EXPECT_NE(agent.log().find("core supervisor trace   7\n"), std::string::npos);
+  EXPECT_NE(agent.log().find("core supervisor fatal   host says bye\n"), std::string::npos);
+  EXPECT_EQ(LumLogMessage(2, "after stop"), LUM_RESULT_NOT_INITIALIZED);
+}
+
+TEST(CoreLifecycle, UnreachableOrHangingBackEndDoesNotHoldUpTermination) {
+  struct Case {
+    const char* name;
+    bool hang;
+  };
+  for (const Case& c : {Case{"hanging", true}, Case{"unreachable", false}}) {
+    SCOPED_TRACE(c.name);
+    AgentHarness agent;
+    LumJson::Value tunables = QuickTunables();
+    tunables["daMessageTimeoutMs"] = 1500;
+    tunables["daConnectTimeoutMs"] = 1500;
+    agent.seedPersistedValues(tunables);
+    if (c.hang) {
+      Lum::Tools::Fault fault;
+      fault.count = -1;
+      fault.stallAfterHeaders = seconds(60);
+      agent.backend().injectFault("*", fault);
+    } else {
+      agent.backend().stop();
+    }
+    ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+    if (c.hang) {
+      ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
+    }
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_EQ(LumTerm(), LUM_RESULT_SUCCESS);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, seconds(1));
+    // The transfer in flight ends at the message time-out at the latest.
+    EXPECT_TRUE(agent.waitForState(LumDeviceAgentUninitialized, seconds(10)));
+  }
+}
+
+TEST(CoreLifecycle, RepeatedStartAndStopLeavesNoThreadBehind) {
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  const size_t threadsBefore = ThreadCount();
+  for (int cycle = 0; cycle < 100; ++cycle) {
+    ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS) << "cycle " << cycle;
+    ASSERT_TRUE(agent.stop()) << "cycle " << cycle;
+  }
+  // The detached terminate thread of the last cycle may still be unwinding.
+  EXPECT_TRUE(WaitFor([&] { return ThreadCount() <= threadsBefore; }, seconds(5)))
+      << ThreadCount() << " threads, " << threadsBefore << " before";
+}
+
+}  // namespace
