@@ -1,12 +1,67 @@
 #!/usr/bin/env bash
-# The agent's main job. For now: build liblum.so.0 and install it with its
-# header and pkg-config file under build/install.
+# The agent's main job, end to end on this machine: a throwaway PKI, the
+# local back end with mutual TLS and stapled OCSP, and the host program
+# driving liblum.so.0 as a television would. The device registers,
+# synchronises and polls on a short schedule, then shuts down cleanly.
+#   scripts/demo.sh [seconds to run, default 12]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+seconds=${1:-12}
 "$root/scripts/deps.sh"
 "$root/scripts/build.sh" release -DLUM_BUILD_TESTS=OFF -DLUM_BUILD_BENCH=OFF
+bin="$root/build/release"
 prefix="$root/build/install"
-cmake --install "$root/build/release" --prefix "$prefix" >/dev/null
-echo "Installed:"
-find "$prefix" -type f -o -type l | sort | sed 's/^/  /'
-echo "Build against it with: PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs lum"
+cmake --install "$bin" --prefix "$prefix" >/dev/null
+echo "== liblum installed under $prefix"
+
+work=$(mktemp -d /tmp/lum-demo.XXXXXX)
+backend_pid=""
+cleanup() {
+  [ -n "$backend_pid" ] && kill "$backend_pid" 2>/dev/null && wait "$backend_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# A free loopback port for the back end.
+port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])' 2>/dev/null || echo 18443)
+
+echo "== Making a throwaway PKI for device acme.lum.localhost:$port"
+mkdir -p "$work/pki" "$work/state"
+"$bin/tools/pki/lum-pki" "$work/pki" --opid acme --port "$port" >/dev/null
+
+cat > "$work/tunables.json" <<JSON
+{"daPollDelayFixedMs": 3000, "daPollDelayVariedMs": 1000,
+ "daRetryDelayFixedMs": 2000, "daRetryDelayVariedMs": 0,
+ "daMessageTimeoutMs": 5000, "daConnectTimeoutMs": 5000}
+JSON
+cat > "$work/config.json" <<JSON
+{"core": {"persistentPath": "$work/state",
+  "loggers": [{"type": "console", "argument": "stdout", "format": "medium",
+    "filters": [{"service": "core", "category": "state", "severity": "info"},
+                {"service": "core", "category": "webservice", "severity": "info"},
+                {"service": "core", "category": "supervisor", "severity": "info"}]}]}}
+JSON
+cat > "$work/device.json" <<JSON
+{"id": "DEMO-0001", "model": "LT-55", "subModel": "LT-55-EU", "brand": "Acme",
+ "esn": "ESN-DEMO-0001", "mac": "00:11:22:33:44:55", "swVersion": "1.0.0"}
+JSON
+
+echo "== Starting the local back end on 127.0.0.1:$port"
+"$bin/tools/backend/lum-backend" --pki "$work/pki" --port "$port" \
+  --tunables "$work/tunables.json" | sed -u 's/^/[backend] /' &
+backend_pid=$!
+for _ in $(seq 50); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
+  sleep 0.1
+done
+
+echo "== Running the host program for $seconds s (then SIGTERM-style stop)"
+"$bin/tools/host/lum-host" --identity "$work/pki/identity.json" \
+  --config "$work/config.json" --device "$work/device.json" \
+  --log-through --run-seconds "$seconds" | sed -u 's/^/[tv] /'
+
+echo "== Persisted state left by the agent"
+for f in core daTime; do
+  [ -f "$work/state/$f" ] && echo "  $f: $(head -c 160 "$work/state/$f")..."
+done
+echo "== Demo finished"

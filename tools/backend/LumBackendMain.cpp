@@ -2,6 +2,8 @@
 //   lum-pki /tmp/pki --opid LUMDEV01 --port 8443
 //   lum-backend --pki /tmp/pki --port 8443
 // Every request is printed to stdout; Ctrl-C stops.
+#include <fstream>
+#include <sstream>
 #include <signal.h>
 
 #include <cstdlib>
@@ -9,6 +11,7 @@
 #include <mutex>
 #include <string>
 
+#include "Platform/JsonUtil.h"
 #include "tools/backend/Backend.h"
 
 namespace {
@@ -18,7 +21,7 @@ using Lum::Tools::ServerCertKind;
 using Lum::Tools::TlsVersion;
 
 int Usage() {
-  std::cerr << "usage: lum-backend --pki DIR [--port PORT] [--bind ADDR]\n"
+  std::cerr << "usage: lum-backend --pki DIR [--port PORT] [--bind ADDR] [--tunables FILE]\n"
                "                   [--ocsp good|revoked|expired|none]\n"
                "                   [--tls 1.2-1.3|1.1|1.2|1.3|1.1-1.3]\n"
                "                   [--server-cert default|untrusted|wronghost]\n";
@@ -98,6 +101,7 @@ void PrintRequest(const Lum::Tools::RecordedRequest& request) {
 
 int main(int argc, char** argv) {
   std::string pkiDir;
+  std::string tunablesFile;
   Lum::Tools::BackendOptions options;
   options.port = 8443;
   for (int i = 1; i < argc; ++i) {
@@ -119,6 +123,8 @@ int main(int argc, char** argv) {
       ok = ParseTlsRange(value, &options.minTls, &options.maxTls);
     } else if (arg == "--server-cert") {
       ok = ParseServerCert(value, &options.serverCert);
+    } else if (arg == "--tunables") {
+      tunablesFile = value;
     } else {
       ok = false;
     }
@@ -148,6 +154,19 @@ int main(int argc, char** argv) {
   if (!backend.start(&error)) {
     std::cerr << "lum-backend: " << error << "\n";
     return 1;
+  }
+  if (!tunablesFile.empty()) {
+    // Values every device gets with its next state answer, so a demo can
+    // shorten the schedule without waiting for the defaults.
+    std::ifstream in(tunablesFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    LumJson::Value tunables;
+    if (!Lum::Core::JsonUtil::ParseStrict(text.str(), tunables) || !tunables.isObject()) {
+      std::cerr << "lum-backend: " << tunablesFile << " holds no JSON object\n";
+      return 1;
+    }
+    backend.pushTunables(tunables);
   }
   std::cout << "lum-backend listening on " << options.bindAddress << ":" << backend.port();
   if (!pki.loadedDevice().commonName.empty()) {
