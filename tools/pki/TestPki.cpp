@@ -32,7 +32,7 @@ constexpr const char* kServerNames =
     "DNS:*.lum.localhost,DNS:lum.localhost,DNS:localhost,IP:127.0.0.1";
 constexpr const char* kWrongHostName = "wrong.example.localhost";
 
-struct CertSpec {
+struct CertProfile {
   std::string commonName;
   bool ca = false;
   std::string extendedKeyUsage;  // "serverAuth", "clientAuth" or empty
@@ -88,27 +88,27 @@ bool AddExtension(X509* cert, X509V3_CTX* ctx, int nid, const std::string& value
   return extension && X509_add_ext(cert, extension.get(), -1) == 1;
 }
 
-bool AddExtensions(X509* cert, X509* issuer, const CertSpec& spec) {
+bool AddExtensions(X509* cert, X509* issuer, const CertProfile& profile) {
   X509V3_CTX ctx;
   X509V3_set_ctx(&ctx, issuer != nullptr ? issuer : cert, cert, nullptr, nullptr, 0);
   bool ok = AddExtension(cert, &ctx, NID_basic_constraints,
-                         spec.ca ? "critical,CA:TRUE" : "critical,CA:FALSE");
+                         profile.ca ? "critical,CA:TRUE" : "critical,CA:FALSE");
   ok = ok && AddExtension(cert, &ctx, NID_key_usage,
-                          spec.ca ? "critical,keyCertSign,cRLSign,digitalSignature"
+                          profile.ca ? "critical,keyCertSign,cRLSign,digitalSignature"
                                   : "critical,digitalSignature,keyEncipherment");
   ok = ok && AddExtension(cert, &ctx, NID_subject_key_identifier, "hash");
   ok = ok && AddExtension(cert, &ctx, NID_authority_key_identifier, "keyid:always");
-  if (ok && !spec.extendedKeyUsage.empty()) {
-    ok = AddExtension(cert, &ctx, NID_ext_key_usage, spec.extendedKeyUsage);
+  if (ok && !profile.extendedKeyUsage.empty()) {
+    ok = AddExtension(cert, &ctx, NID_ext_key_usage, profile.extendedKeyUsage);
   }
-  if (ok && !spec.subjectAltNames.empty()) {
-    ok = AddExtension(cert, &ctx, NID_subject_alt_name, spec.subjectAltNames);
+  if (ok && !profile.subjectAltNames.empty()) {
+    ok = AddExtension(cert, &ctx, NID_subject_alt_name, profile.subjectAltNames);
   }
   return ok;
 }
 
 // A certificate for `key`, signed by issuerKey; self-signed when issuer is null.
-X509Ptr MakeCert(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey,
+X509Ptr MakeCert(const CertProfile& profile, EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey,
                  std::string* error) {
   X509Ptr cert(X509_new());
   if (!cert || X509_set_version(cert.get(), X509_VERSION_3) != 1 || !SetRandomSerial(cert.get())) {
@@ -116,24 +116,24 @@ X509Ptr MakeCert(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_PKEY* is
     return nullptr;
   }
   X509_NAME* subject = X509_get_subject_name(cert.get());
-  const auto* cn = reinterpret_cast<const unsigned char*>(spec.commonName.c_str());
+  const auto* cn = reinterpret_cast<const unsigned char*>(profile.commonName.c_str());
   const auto* org = reinterpret_cast<const unsigned char*>("Lum Test PKI");
   if (X509_NAME_add_entry_by_txt(subject, "O", MBSTRING_UTF8, org, -1, -1, 0) != 1 ||
       X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_UTF8, cn, -1, -1, 0) != 1) {
-    Fail(error, OpenSslErrorText("subject name " + spec.commonName));
+    Fail(error, OpenSslErrorText("subject name " + profile.commonName));
     return nullptr;
   }
   X509_NAME* issuerName = issuer != nullptr ? X509_get_subject_name(issuer) : subject;
   bool ok = X509_set_issuer_name(cert.get(), issuerName) == 1 &&
             X509_gmtime_adj(X509_getm_notBefore(cert.get()), kNotBefore) != nullptr &&
             X509_gmtime_adj(X509_getm_notAfter(cert.get()), kNotAfter) != nullptr &&
-            X509_set_pubkey(cert.get(), key) == 1 && AddExtensions(cert.get(), issuer, spec);
+            X509_set_pubkey(cert.get(), key) == 1 && AddExtensions(cert.get(), issuer, profile);
   if (!ok) {
-    Fail(error, OpenSslErrorText("certificate fields for " + spec.commonName));
+    Fail(error, OpenSslErrorText("certificate fields for " + profile.commonName));
     return nullptr;
   }
   if (X509_sign(cert.get(), issuer != nullptr ? issuerKey : key, EVP_sha256()) <= 0) {
-    Fail(error, OpenSslErrorText("signing " + spec.commonName));
+    Fail(error, OpenSslErrorText("signing " + profile.commonName));
     return nullptr;
   }
   return cert;
@@ -141,7 +141,7 @@ X509Ptr MakeCert(const CertSpec& spec, EVP_PKEY* key, X509* issuer, EVP_PKEY* is
 
 // A certificate and key in PEM form, signed by the given CA (self-signed when
 // caCertPem is empty).
-bool IssuePem(const CertSpec& spec, KeyType keyType, const std::string& caCertPem,
+bool IssuePem(const CertProfile& profile, KeyType keyType, const std::string& caCertPem,
               const std::string& caKeyPem, std::string* certPem, std::string* keyPem,
               std::string* error) {
   EvpPkeyPtr key = GenerateKey(keyType);
@@ -157,14 +157,14 @@ bool IssuePem(const CertSpec& spec, KeyType keyType, const std::string& caCertPe
       return Fail(error, OpenSslErrorText("reading the issuing CA"));
     }
   }
-  X509Ptr cert = MakeCert(spec, key.get(), caCert.get(), caKey.get(), error);
+  X509Ptr cert = MakeCert(profile, key.get(), caCert.get(), caKey.get(), error);
   if (!cert) {
     return false;
   }
   *certPem = CertToPem(cert.get());
   *keyPem = KeyToPem(key.get());
   if (certPem->empty() || keyPem->empty()) {
-    return Fail(error, OpenSslErrorText("PEM encoding " + spec.commonName));
+    return Fail(error, OpenSslErrorText("PEM encoding " + profile.commonName));
   }
   return true;
 }
@@ -257,10 +257,10 @@ std::string TestPki::DeviceCommonName(const std::string& opid, int port) {
 
 bool TestPki::generate(std::string* error) {
   const std::string noCa;
-  CertSpec ca{"Lum Test CA", true, "", ""};
-  CertSpec untrustedCa{"Lum Untrusted Test CA", true, "", ""};
-  CertSpec server{"lum.localhost", false, "serverAuth", kServerNames};
-  CertSpec wrongHost{kWrongHostName, false, "serverAuth", std::string("DNS:") + kWrongHostName};
+  CertProfile ca{"Lum Test CA", true, "", ""};
+  CertProfile untrustedCa{"Lum Untrusted Test CA", true, "", ""};
+  CertProfile server{"lum.localhost", false, "serverAuth", kServerNames};
+  CertProfile wrongHost{kWrongHostName, false, "serverAuth", std::string("DNS:") + kWrongHostName};
   bool ok = IssuePem(ca, KeyType::EcP256, noCa, noCa, &caCertPem_, &caKeyPem_, error) &&
             IssuePem(untrustedCa, KeyType::EcP256, noCa, noCa, &untrustedCaCertPem_,
                      &untrustedCaKeyPem_, error) &&
@@ -292,8 +292,8 @@ bool TestPki::issueLeaf(const std::string& commonName, KeyType keyType, bool tru
   if (!valid()) {
     return Fail(error, "the PKI has not been generated or loaded");
   }
-  CertSpec spec{commonName, false, "clientAuth", ""};
-  return IssuePem(spec, keyType, trustedCa ? caCertPem_ : untrustedCaCertPem_,
+  CertProfile profile{commonName, false, "clientAuth", ""};
+  return IssuePem(profile, keyType, trustedCa ? caCertPem_ : untrustedCaCertPem_,
                   trustedCa ? caKeyPem_ : untrustedCaKeyPem_, certPem, keyPem, error);
 }
 
