@@ -31,7 +31,10 @@ extern "C" {
 /* How LumGetStatus returns. */
 typedef enum LumStatusMethod {
   LumStatusMethodImmediate = 0, /* the current status at once */
-  LumStatusMethodOnChange = 1   /* block until the next status change */
+  LumStatusMethodOnChange = 1,  /* block until the next status change */
+  /* Not a method: keeps every 32-bit value representable, so a wrong
+     value from a host is a checked argument, not undefined behaviour. */
+  LumStatusMethodMaxEnum = 0x7fffffff
 } LumStatusMethod;
 
 /* Agent states reported in LumStatus.deviceAgentState. */
