@@ -1,185 +1,23 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <functional>
 #include <string>
-#include <variant>
-#include <vector>
 
+#include "Base/CoreConfig.h"
+#include "Base/DeviceValues.h"
 #include "Base/PersistentValues.h"
+#include "Base/ProductIdentity.h"
+#include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
+#include "support/TestSupport.h"
+#include "tools/pki/TestPki.h"
 
 namespace {
 
-using PV = Lum::Core::PersistentValues;
+using Lum::Core::FileUtil;
 using Lum::Core::JsonUtil;
-
-// The file a first start writes: every key at its default, in file order.
-const char kDefaultDocument[] =
-    R"({"gidToken":"","synchronized":false,"testMode":false,)"
-    R"("sdkVersion":"4.3.0.B7E20D-20-g42e3d0f6-dirty","certOpid":"","certInstance":"",)"
-    R"("deviceId":"","deviceModel":"","deviceSubModel":"","deviceBrand":"","deviceEsn":"",)"
-    R"("deviceMac":"","deviceSwVersion":"","opidSeqNum":0,"gidSeqNum":0,)"
-    R"("daSupportViewEnabled":true,"dsAggressiveQueuePercentage":85,)"
-    R"("dsStandardDelayFixedMs":60000,"dsStandardDelayVariedMs":60000,)"
-    R"("dsAggressiveDelayFixedMs":30000,"dsAggressiveDelayVariedMs":30000,)"
-    R"("daConnectTimeoutMs":30001,"daMessageTimeoutMs":15000,"daPollDelayFixedMs":3150000,)"
-    R"("daPollDelayVariedMs":900000,"daRetryDelayFixedMs":15000,"daRetryDelayVariedMs":15000,)"
-    R"("daStartupDelayFixedMs":0,"daStartupDelayVariedMs":0,"dsConnectTimeoutMs":30000,)"
-    R"("dsMessageTimeoutMs":15000,"dsRetryDelayFixedMs":15000,"dsRetryDelayVariedMs":15000,)"
-    R"("dsStartupDelayFixedMs":0,"dsStartupDelayVariedMs":0,"svConnectTimeoutMs":30000,)"
-    R"("svMessageTimeoutMs":15000,"svRetryDelayFixedMs":2500,"svRetryDelayVariedMs":2500,)"
-    R"("svActiveTimeoutMs":60000,"svPausedTimeoutMs":180000,"svLbrAwsDomain":"","svMrsUrl":"",)"
-    R"("svNetworkDiagTimeoutMs":20000,"svPingTestHostname":"","svSpeedTestDownloadSize":102400,)"
-    R"("svSpeedTestDownloadTimeMs":20000,"svSpeedTestDownloadUrl":"",)"
-    R"("svSpeedTestUploadSize":102400,"svSpeedTestUploadTimeMs":20000,)"
-    R"("svSpeedTestUploadUrl":"","daConsentUrl":"","suConnectTimeoutMs":15000,)"
-    R"("suMessageTimeoutMs":5000,"suMaxRetryCount":3,"suRetryDelayFixedMs":30000,)"
-    R"("suRetryDelayVariedMs":30000,"suStagingConnectTimeoutMs":15000,)"
-    R"("suStagingMessageTimeoutMs":5000,"suStagingMaxRetryCount":3,)"
-    R"("suStagingRetryDelayFixedMs":5000,"suStagingRetryDelayVariedMs":5000,)"
-    R"("suCheckForSoftwareUpdate":false,"dsGracenoteCloudAddress":"",)"
-    R"("dsGracenoteCustomerId":"","dsGracenoteToken":"","dsGracenoteTag":"",)"
-    R"("dsGracenoteLicense":"","dsAllowedDataItemIds":[]})";
-
-struct Flag {
-  bool (PV::*get)() const;
-  bool (PV::*set)(bool);
-};
-struct Number {
-  uint32_t (PV::*get)() const;
-  bool (PV::*set)(uint32_t);
-};
-struct Text {
-  const std::string& (PV::*get)() const;
-  bool (PV::*set)(const std::string&);
-};
-enum Mark { kNone, kDevice, kConsent, kGracenote };
-struct Accessor {
-  const char* key;
-  std::variant<Flag, Number, Text> pair;
-  bool reported;  // reported to the back end: a change clears "synchronized"
-  Mark mark;
-};
-
-const Accessor kAccessors[] = {
-    {"gidToken", Text{&PV::getGidToken, &PV::setGidToken}, false, kNone},
-    {"synchronized", Flag{&PV::getSynchronized, &PV::setSynchronized}, false, kNone},
-    {"testMode", Flag{&PV::getTestMode, &PV::setTestMode}, true, kNone},
-    {"sdkVersion", Text{&PV::getSdkVersion, &PV::setSdkVersion}, true, kNone},
-    {"certOpid", Text{&PV::getCertOpid, &PV::setCertOpid}, true, kNone},
-    {"certInstance", Text{&PV::getCertInstance, &PV::setCertInstance}, true, kNone},
-    {"deviceId", Text{&PV::getDeviceId, &PV::setDeviceId}, true, kDevice},
-    {"deviceModel", Text{&PV::getDeviceModel, &PV::setDeviceModel}, true, kDevice},
-    {"deviceSubModel", Text{&PV::getDeviceSubModel, &PV::setDeviceSubModel}, true, kDevice},
-    {"deviceBrand", Text{&PV::getDeviceBrand, &PV::setDeviceBrand}, true, kDevice},
-    {"deviceEsn", Text{&PV::getDeviceEsn, &PV::setDeviceEsn}, false, kDevice},
-    {"deviceMac", Text{&PV::getDeviceMac, &PV::setDeviceMac}, false, kDevice},
-    {"deviceSwVersion", Text{&PV::getDeviceSwVersion, &PV::setDeviceSwVersion}, true, kDevice},
-    {"opidSeqNum", Number{&PV::getOpidSeqNum, &PV::setOpidSeqNum}, false, kNone},
-    {"gidSeqNum", Number{&PV::getGidSeqNum, &PV::setGidSeqNum}, false, kNone},
-    {"daSupportViewEnabled", Flag{&PV::getDaSupportViewEnabled, &PV::setDaSupportViewEnabled},
-     false, kNone},
-    {"dsAggressiveQueuePercentage",
-     Number{&PV::getDsAggressiveQueuePercentage, &PV::setDsAggressiveQueuePercentage}, false,
-     kNone},
-    {"dsStandardDelayFixedMs",
-     Number{&PV::getDsStandardDelayFixedMs, &PV::setDsStandardDelayFixedMs}, false, kNone},
-    {"dsStandardDelayVariedMs",
-     Number{&PV::getDsStandardDelayVariedMs, &PV::setDsStandardDelayVariedMs}, false, kNone},
-    {"dsAggressiveDelayFixedMs",
-     Number{&PV::getDsAggressiveDelayFixedMs, &PV::setDsAggressiveDelayFixedMs}, false, kNone},
-    {"dsAggressiveDelayVariedMs",
-     Number{&PV::getDsAggressiveDelayVariedMs, &PV::setDsAggressiveDelayVariedMs}, false, kNone},
-    {"daConnectTimeoutMs", Number{&PV::getDaConnectTimeoutMs, &PV::setDaConnectTimeoutMs}, false,
-     kNone},
-    {"daMessageTimeoutMs", Number{&PV::getDaMessageTimeoutMs, &PV::setDaMessageTimeoutMs}, false,
-     kNone},
-    {"daPollDelayFixedMs", Number{&PV::getDaPollDelayFixedMs, &PV::setDaPollDelayFixedMs}, false,
-     kNone},
-    {"daPollDelayVariedMs", Number{&PV::getDaPollDelayVariedMs, &PV::setDaPollDelayVariedMs}, false,
-     kNone},
-    {"daRetryDelayFixedMs", Number{&PV::getDaRetryDelayFixedMs, &PV::setDaRetryDelayFixedMs}, false,
-     kNone},
-    {"daRetryDelayVariedMs", Number{&PV::getDaRetryDelayVariedMs, &PV::setDaRetryDelayVariedMs},
-     false, kNone},
-    {"daStartupDelayFixedMs", Number{&PV::getDaStartupDelayFixedMs, &PV::setDaStartupDelayFixedMs},
-     false, kNone},
-    {"daStartupDelayVariedMs",
-     Number{&PV::getDaStartupDelayVariedMs, &PV::setDaStartupDelayVariedMs}, false, kNone},
-    {"dsConnectTimeoutMs", Number{&PV::getDsConnectTimeoutMs, &PV::setDsConnectTimeoutMs}, false,
-     kNone},
-    {"dsMessageTimeoutMs", Number{&PV::getDsMessageTimeoutMs, &PV::setDsMessageTimeoutMs}, false,
-     kNone},
-    {"dsRetryDelayFixedMs", Number{&PV::getDsRetryDelayFixedMs, &PV::setDsRetryDelayFixedMs}, false,
-     kNone},
-    {"dsRetryDelayVariedMs", Number{&PV::getDsRetryDelayVariedMs, &PV::setDsRetryDelayVariedMs},
-     false, kNone},
-    {"dsStartupDelayFixedMs", Number{&PV::getDsStartupDelayFixedMs, &PV::setDsStartupDelayFixedMs},
-     false, kNone},
-    {"dsStartupDelayVariedMs",
-     Number{&PV::getDsStartupDelayVariedMs, &PV::setDsStartupDelayVariedMs}, false, kNone},
-    {"svConnectTimeoutMs", Number{&PV::getSvConnectTimeoutMs, &PV::setSvConnectTimeoutMs}, false,
-     kNone},
-    {"svMessageTimeoutMs", Number{&PV::getSvMessageTimeoutMs, &PV::setSvMessageTimeoutMs}, false,
-     kNone},
-    {"svRetryDelayFixedMs", Number{&PV::getSvRetryDelayFixedMs, &PV::setSvRetryDelayFixedMs}, false,
-     kNone},
-    {"svRetryDelayVariedMs", Number{&PV::getSvRetryDelayVariedMs, &PV::setSvRetryDelayVariedMs},
-     false, kNone},
-    {"svActiveTimeoutMs", Number{&PV::getSvActiveTimeoutMs, &PV::setSvActiveTimeoutMs}, false,
-     kNone},
-    {"svPausedTimeoutMs", Number{&PV::getSvPausedTimeoutMs, &PV::setSvPausedTimeoutMs}, false,
-     kNone},
-    {"svLbrAwsDomain", Text{&PV::getSvLbrAwsDomain, &PV::setSvLbrAwsDomain}, false, kNone},
-    {"svMrsUrl", Text{&PV::getSvMrsUrl, &PV::setSvMrsUrl}, false, kNone},
-    {"svNetworkDiagTimeoutMs",
-     Number{&PV::getSvNetworkDiagTimeoutMs, &PV::setSvNetworkDiagTimeoutMs}, false, kNone},
-    {"svPingTestHostname", Text{&PV::getSvPingTestHostname, &PV::setSvPingTestHostname}, false,
-     kNone},
-    {"svSpeedTestDownloadSize",
-     Number{&PV::getSvSpeedTestDownloadSize, &PV::setSvSpeedTestDownloadSize}, false, kNone},
-    {"svSpeedTestDownloadTimeMs",
-     Number{&PV::getSvSpeedTestDownloadTimeMs, &PV::setSvSpeedTestDownloadTimeMs}, false, kNone},
-    {"svSpeedTestDownloadUrl", Text{&PV::getSvSpeedTestDownloadUrl, &PV::setSvSpeedTestDownloadUrl},
-     false, kNone},
-    {"svSpeedTestUploadSize", Number{&PV::getSvSpeedTestUploadSize, &PV::setSvSpeedTestUploadSize},
-     false, kNone},
-    {"svSpeedTestUploadTimeMs",
-     Number{&PV::getSvSpeedTestUploadTimeMs, &PV::setSvSpeedTestUploadTimeMs}, false, kNone},
-    {"svSpeedTestUploadUrl", Text{&PV::getSvSpeedTestUploadUrl, &PV::setSvSpeedTestUploadUrl},
-     false, kNone},
-    {"daConsentUrl", Text{&PV::getDaConsentUrl, &PV::setDaConsentUrl}, false, kConsent},
-    {"suConnectTimeoutMs", Number{&PV::getSuConnectTimeoutMs, &PV::setSuConnectTimeoutMs}, false,
-     kNone},
-    {"suMessageTimeoutMs", Number{&PV::getSuMessageTimeoutMs, &PV::setSuMessageTimeoutMs}, false,
-     kNone},
-    {"suMaxRetryCount", Number{&PV::getSuMaxRetryCount, &PV::setSuMaxRetryCount}, false, kNone},
-    {"suRetryDelayFixedMs", Number{&PV::getSuRetryDelayFixedMs, &PV::setSuRetryDelayFixedMs}, false,
-     kNone},
-    {"suRetryDelayVariedMs", Number{&PV::getSuRetryDelayVariedMs, &PV::setSuRetryDelayVariedMs},
-     false, kNone},
-    {"suStagingConnectTimeoutMs",
-     Number{&PV::getSuStagingConnectTimeoutMs, &PV::setSuStagingConnectTimeoutMs}, false, kNone},
-    {"suStagingMessageTimeoutMs",
-     Number{&PV::getSuStagingMessageTimeoutMs, &PV::setSuStagingMessageTimeoutMs}, false, kNone},
-    {"suStagingMaxRetryCount",
-     Number{&PV::getSuStagingMaxRetryCount, &PV::setSuStagingMaxRetryCount}, false, kNone},
-    {"suStagingRetryDelayFixedMs",
-     Number{&PV::getSuStagingRetryDelayFixedMs, &PV::setSuStagingRetryDelayFixedMs}, false, kNone},
-    {"suStagingRetryDelayVariedMs",
-     Number{&PV::getSuStagingRetryDelayVariedMs, &PV::setSuStagingRetryDelayVariedMs}, false,
-     kNone},
-    {"suCheckForSoftwareUpdate",
-     Flag{&PV::getSuCheckForSoftwareUpdate, &PV::setSuCheckForSoftwareUpdate}, true, kNone},
-    {"dsGracenoteCloudAddress",
-     Text{&PV::getDsGracenoteCloudAddress, &PV::setDsGracenoteCloudAddress}, false, kGracenote},
-    {"dsGracenoteCustomerId", Text{&PV::getDsGracenoteCustomerId, &PV::setDsGracenoteCustomerId},
-     false, kGracenote},
-    {"dsGracenoteToken", Text{&PV::getDsGracenoteToken, &PV::setDsGracenoteToken}, false,
-     kGracenote},
-    {"dsGracenoteTag", Text{&PV::getDsGracenoteTag, &PV::setDsGracenoteTag}, false, kGracenote},
-    {"dsGracenoteLicense", Text{&PV::getDsGracenoteLicense, &PV::setDsGracenoteLicense}, false,
-     kGracenote},
-};
+using PV = Lum::Core::PersistentValues;
 
 LumJson::Value Document(const PV& values) {
   std::string text;
@@ -189,223 +27,263 @@ LumJson::Value Document(const PV& values) {
   return root;
 }
 
-// Sets the value behind `accessor` to one other than its default, distinct
-// per `index`, checks the getter, and returns the value as JSON.
-LumJson::Value SetOtherValue(PV& values, const Accessor& accessor, uint32_t index) {
-  struct Setter {
-    PV& values;
-    uint32_t index;
-    LumJson::Value operator()(const Flag& a) const {
-      const bool value = !(values.*a.get)();
-      EXPECT_TRUE((values.*a.set)(value));
-      EXPECT_EQ(value, (values.*a.get)());
-      return value;
-    }
-    LumJson::Value operator()(const Number& a) const {
-      const uint32_t value = 4000000000u + index;
-      EXPECT_TRUE((values.*a.set)(value));
-      EXPECT_EQ(value, (values.*a.get)());
-      // As the reader types every number that fits a signed 64-bit value.
-      return LumJson::Value(static_cast<LumJson::Int64>(value));
-    }
-    LumJson::Value operator()(const Text& a) const {
-      const std::string value = "v\"" + std::to_string(index) + "\u00e9";
-      EXPECT_TRUE((values.*a.set)(value));
-      EXPECT_EQ(value, (values.*a.get)());
-      return value;
-    }
-  };
-  return std::visit(Setter{values, index}, accessor.pair);
-}
+enum Mark { kNone, kDevice, kConsent, kGracenote };
 
-// Setting the current value again must report no change.
-bool SetCurrentValue(PV& values, const Accessor& accessor) {
-  return std::visit([&values](const auto& a) { return (values.*a.set)((values.*a.get)()); },
-                    accessor.pair);
-}
+// Representatives of every kind of setter: plain, reported to the back end
+// (clears "synchronized"), and each change mark. `set` stores `value`.
+const struct Setter {
+  const char* key;
+  std::function<bool(PV&)> set;
+  LumJson::Value value;
+  bool reported;
+  Mark mark;
+} kSetters[] = {
+    {"gidToken", [](PV& v) { return v.setGidToken("t\"\u00e9"); }, "t\"\u00e9", false, kNone},
+    {"testMode", [](PV& v) { return v.setTestMode(true); }, true, true, kNone},
+    {"deviceSwVersion", [](PV& v) { return v.setDeviceSwVersion("2"); }, "2", true, kDevice},
+    {"deviceMac", [](PV& v) { return v.setDeviceMac("m"); }, "m", false, kDevice},
+    {"gidSeqNum", [](PV& v) { return v.setGidSeqNum(4294967295u); }, LumJson::Int64{4294967295},
+     false, kNone},
+    {"daSupportViewEnabled", [](PV& v) { return v.setDaSupportViewEnabled(false); }, false, false,
+     kNone},
+    {"suCheckForSoftwareUpdate", [](PV& v) { return v.setSuCheckForSoftwareUpdate(true); }, true,
+     true, kNone},
+    {"daConsentUrl", [](PV& v) { return v.setDaConsentUrl("u"); }, "u", false, kConsent},
+    {"dsGracenoteTag", [](PV& v) { return v.setDsGracenoteTag("g"); }, "g", false, kGracenote},
+};
 
-bool AnyMarkRaised(PV& values) {
-  const bool device = values.hasDeviceInfoChanged();
-  const bool gracenote = values.hasGracenoteChanged();
-  const bool consent = values.testDaConsentUrl();
-  const bool ids = values.testDsAllowedDataItemIds();
-  return device || gracenote || consent || ids;
-}
-
-bool MarkRaised(PV& values, Mark mark) {
-  switch (mark) {
-    case kDevice:
-      return values.hasDeviceInfoChanged();
-    case kConsent:
-      return values.testDaConsentUrl();
-    case kGracenote:
-      return values.hasGracenoteChanged();
-    case kNone:
-      break;
-  }
-  return AnyMarkRaised(values);
-}
-
-TEST(PersistentValuesTest, DefaultsMarshalToTheDocumentInFileOrder) {
-  PV values;
-  std::string text;
-  values.marshal(text);
-  EXPECT_EQ(kDefaultDocument, text);
-  EXPECT_FALSE(values.isPersisted());
-  EXPECT_FALSE(AnyMarkRaised(values));
-}
-
-// Each setter changes exactly its own key, has the side effects of its kind,
-// reports no change for an equal value, and the value survives a round trip.
-TEST(PersistentValuesTest, EverySetterChangesOnlyItsKeyAndRoundTrips) {
+// Each setter changes exactly its own key, with the side effects of its kind;
+// its current value again is no change.
+TEST(PersistentValuesTest, SetterChangesOnlyItsKey) {
   const LumJson::Value defaults = Document(PV());
-  uint32_t index = 0;
-  for (const Accessor& accessor : kAccessors) {
-    SCOPED_TRACE(accessor.key);
+  for (const Setter& setter : kSetters) {
+    SCOPED_TRACE(setter.key);
     PV values;
-    const bool isSyncFlag = std::string(accessor.key) == "synchronized";
-    if (!isSyncFlag) {
-      values.setSynchronized(true);
-    }
-    const LumJson::Value value = SetOtherValue(values, accessor, ++index);
-
-    LumJson::Value expected = defaults;
-    expected[accessor.key] = value;
-    if (!isSyncFlag) {
-      expected["synchronized"] = !accessor.reported;
-    }
-    EXPECT_EQ(expected, Document(values));
+    values.setSynchronized(true);
+    EXPECT_TRUE(setter.set(values));
     EXPECT_FALSE(values.isPersisted());
-    EXPECT_EQ(accessor.mark != kNone, MarkRaised(values, accessor.mark));
-    EXPECT_FALSE(SetCurrentValue(values, accessor));
+    LumJson::Value expected = defaults;
+    expected[setter.key] = setter.value;
+    expected["synchronized"] = !setter.reported;
     EXPECT_EQ(expected, Document(values));
-
-    std::string text;
-    values.marshal(text);
-    PV reloaded;
-    ASSERT_TRUE(reloaded.unmarshal(text));
-    EXPECT_EQ(expected, Document(reloaded));
-    EXPECT_FALSE(reloaded.isPersisted());
+    EXPECT_EQ(setter.mark == kDevice, values.hasDeviceInfoChanged());
+    EXPECT_EQ(setter.mark == kConsent, values.testDaConsentUrl());
+    EXPECT_EQ(setter.mark == kGracenote, values.hasGracenoteChanged());
+    EXPECT_FALSE(values.testDsAllowedDataItemIds());
+    EXPECT_FALSE(setter.set(values));
   }
 }
 
-TEST(PersistentValuesTest, EveryKeyIsReadTogether) {
-  PV source;
-  uint32_t index = 0;
-  for (const Accessor& accessor : kAccessors) {
-    SetOtherValue(source, accessor, ++index);
+// Every member of the document changed, read back and written again.
+TEST(PersistentValuesTest, MarshalUnmarshalRoundTrip) {
+  LumJson::Value changed = Document(PV());
+  EXPECT_EQ(69u, changed.size());
+  int index = 0;
+  for (const std::string& key : changed.getMemberNames()) {
+    LumJson::Value& member = changed[key];
+    const std::string distinct = "v" + std::to_string(++index);
+    if (member.isArray()) {
+      member.append(distinct);
+    } else {
+      member = member.isBool()     ? LumJson::Value(!member.asBool())
+               : member.isString() ? LumJson::Value(distinct)
+                                   : LumJson::Value(LumJson::Int64{4000000000} + index);
+    }
   }
-  source.setDsAllowedDataItemIds({"DeviceInfoMac", "DeviceInfoEsn", "b,c"});
-  std::string text;
-  source.marshal(text);
-
-  PV reloaded;
-  ASSERT_TRUE(reloaded.unmarshal(text));
-  std::string again;
-  reloaded.marshal(again);
-  EXPECT_EQ(text, again);
-  EXPECT_EQ((std::set<std::string>{"DeviceInfoEsn", "DeviceInfoMac", "b,c"}),
-            reloaded.getDsAllowedDataItemIds());
-}
-
-TEST(PersistentValuesTest, TextThatIsNotAnObjectChangesNothing) {
-  const std::string texts[] = {"",
-                               "garbage",
-                               "{\"gidToken\":\"t\"",
-                               "[{\"gidToken\":\"t\"}]",
-                               "\"gidToken\"",
-                               "{\"gidToken\":\"t\"} {}",
-                               "{\"gidToken\":\"t\",}",
-                               std::string(5000, '[')};
-  for (const std::string& text : texts) {
-    SCOPED_TRACE(text.substr(0, 40));
-    PV values;
-    values.setDaPollDelayFixedMs(7);
-    const LumJson::Value before = Document(values);
-    EXPECT_FALSE(values.unmarshal(text));
-    EXPECT_EQ(before, Document(values));
-  }
+  PV values;
+  ASSERT_TRUE(values.unmarshal(JsonUtil::WriteCompact(changed)));
+  EXPECT_EQ(changed, Document(values));
 }
 
 // A member of the wrong kind, or a number that does not fit an unsigned
 // 32-bit value exactly, keeps the current value; the others are still read.
-TEST(PersistentValuesTest, MistypedOrOutOfRangeMembersKeepTheirValue) {
-  struct Case {
+TEST(PersistentValuesTest, MembersOfTheWrongKindKeepTheirValue) {
+  const struct {
     const char* member;
     const char* key;
-    LumJson::Value kept;
+    const char* expected;  // the member afterwards, as compact JSON
+  } cases[] = {
+      {"\"daPollDelayFixedMs\":-1", "daPollDelayFixedMs", "3150000"},
+      {"\"daPollDelayFixedMs\":4294967296", "daPollDelayFixedMs", "3150000"},
+      {"\"daPollDelayFixedMs\":1.5", "daPollDelayFixedMs", "3150000"},
+      {"\"daPollDelayFixedMs\":\"5\"", "daPollDelayFixedMs", "3150000"},
+      {"\"gidSeqNum\":7.0", "gidSeqNum", "7"},
+      {"\"daSupportViewEnabled\":0", "daSupportViewEnabled", "true"},
+      {"\"gidToken\":5", "gidToken", "\"\""},
+      {"\"dsAllowedDataItemIds\":\"DeviceInfoMac\"", "dsAllowedDataItemIds", "[]"},
+      {"\"dsAllowedDataItemIds\":[\"b\",5,null,\"a\",\"b\"]", "dsAllowedDataItemIds",
+       "[\"a\",\"b\"]"},
   };
-  const Case cases[] = {
-      {"\"daPollDelayFixedMs\":-1", "daPollDelayFixedMs", 3150000},
-      {"\"daPollDelayFixedMs\":4294967296", "daPollDelayFixedMs", 3150000},
-      {"\"daPollDelayFixedMs\":1.5", "daPollDelayFixedMs", 3150000},
-      {"\"daPollDelayFixedMs\":\"5\"", "daPollDelayFixedMs", 3150000},
-      {"\"daPollDelayFixedMs\":true", "daPollDelayFixedMs", 3150000},
-      {"\"daPollDelayFixedMs\":null", "daPollDelayFixedMs", 3150000},
-      {"\"opidSeqNum\":-4294967295", "opidSeqNum", 0},
-      {"\"synchronized\":1", "synchronized", false},
-      {"\"synchronized\":\"true\"", "synchronized", false},
-      {"\"daSupportViewEnabled\":0", "daSupportViewEnabled", true},
-      {"\"gidToken\":5", "gidToken", ""},
-      {"\"gidToken\":[\"t\"]", "gidToken", ""},
-      {"\"daConsentUrl\":{}", "daConsentUrl", ""},
-      {"\"dsAllowedDataItemIds\":\"DeviceInfoMac\"", "dsAllowedDataItemIds",
-       LumJson::Value(LumJson::arrayValue)},
-      {"\"dsAllowedDataItemIds\":{\"a\":\"b\"}", "dsAllowedDataItemIds",
-       LumJson::Value(LumJson::arrayValue)},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.member);
     PV values;
     ASSERT_TRUE(values.unmarshal(std::string("{") + c.member + ",\"suMaxRetryCount\":9}"));
-    const LumJson::Value document = Document(values);
-    EXPECT_EQ(c.kept, document[c.key]);
+    EXPECT_EQ(c.expected, JsonUtil::WriteCompact(Document(values)[c.key]));
     EXPECT_EQ(9u, values.getSuMaxRetryCount());
   }
-}
-
-TEST(PersistentValuesTest, LimitsOfTheUnsignedRangeAreTaken) {
-  PV values;
-  ASSERT_TRUE(values.unmarshal(
-      R"({"daPollDelayFixedMs":4294967295,"daPollDelayVariedMs":0,"gidSeqNum":7.0})"));
-  EXPECT_EQ(4294967295u, values.getDaPollDelayFixedMs());
-  EXPECT_EQ(0u, values.getDaPollDelayVariedMs());
-  EXPECT_EQ(7u, values.getGidSeqNum());
-}
-
-TEST(PersistentValuesTest, AllowedIdsTakeOnlyTextElements) {
-  PV values;
-  ASSERT_TRUE(values.unmarshal(R"({"dsAllowedDataItemIds":["b",5,null,"a","b",["c"]]})"));
-  EXPECT_EQ((std::set<std::string>{"a", "b"}), values.getDsAllowedDataItemIds());
-  EXPECT_TRUE(values.testDsAllowedDataItemIds());
-  EXPECT_FALSE(values.testDsAllowedDataItemIds());
 }
 
 // Reading the file hands on what the back end sent in an earlier run, but a
 // device description read back is no change of the device.
 TEST(PersistentValuesTest, ReadingRaisesMarksOnlyForValuesItChanges) {
   PV values;
-  ASSERT_TRUE(values.unmarshal(R"({"daConsentUrl":"","deviceMac":"m","dsGracenoteTag":""})"));
-  EXPECT_FALSE(AnyMarkRaised(values));
-
+  ASSERT_TRUE(values.unmarshal(R"({"daConsentUrl":"","dsGracenoteTag":""})"));
+  EXPECT_FALSE(values.hasGracenoteChanged() || values.testDaConsentUrl());
   ASSERT_TRUE(values.unmarshal(
       R"({"daConsentUrl":"https://c","dsGracenoteTag":"t","dsAllowedDataItemIds":["x"],"deviceId":"d"})"));
   EXPECT_FALSE(values.hasDeviceInfoChanged());
   EXPECT_TRUE(values.hasGracenoteChanged());
   EXPECT_TRUE(values.testDaConsentUrl());
-  EXPECT_FALSE(values.testDaConsentUrl());
+  EXPECT_FALSE(values.testDaConsentUrl()) << "testing clears the mark";
   EXPECT_TRUE(values.testDsAllowedDataItemIds());
-  EXPECT_FALSE(values.testDsAllowedDataItemIds());
 }
 
-TEST(PersistentValuesTest, AllowedIdsSetterComparesSets) {
+LumJson::Value Device() {
+  LumJson::Value device;
+  for (const char* key : {"id", "model", "subModel", "brand", "esn", "mac", "swVersion"}) {
+    device[key] = std::string(key) + "-1";
+  }
+  return device;
+}
+
+// The start-up objects, built from texts in the order the core manager uses.
+struct Start {
+  Start(const std::string& dir, const std::string& certPem,
+        const LumJson::Value& deviceText = Device())
+      : config(("{\"core\":{\"persistentPath\":\"" + dir + "\"}}").c_str()),
+        identity(("{\"cert\":" + JsonUtil::WriteCompact(certPem) + "}").c_str()),
+        device(JsonUtil::WriteCompact(deviceText).c_str(), false, "", config.getPersistentPath()),
+        values(identity, config, device) {}
+  bool store() { return values.store(config.getPersistentPath()); }
+  std::string stored() const { return FileUtil::Load(config.getPersistentPath(), "core"); }
+
+  Lum::Core::CoreConfig config;
+  Lum::Core::ProductIdentity identity;
+  Lum::Core::DeviceValues device;
   PV values;
-  EXPECT_FALSE(values.setDsAllowedDataItemIds({}));
-  EXPECT_TRUE(values.setDsAllowedDataItemIds({"a", "b"}));
-  EXPECT_TRUE(values.testDsAllowedDataItemIds());
-  EXPECT_FALSE(values.setDsAllowedDataItemIds({"b", "a"}));
-  EXPECT_FALSE(values.testDsAllowedDataItemIds());
-  EXPECT_EQ(R"(["a","b"])", JsonUtil::WriteCompact(Document(values)["dsAllowedDataItemIds"]));
+};
+
+class PersistentStartTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    Lum::Tools::TestPki pki;
+    std::string key;
+    ASSERT_TRUE(pki.generate());
+    ASSERT_TRUE(pki.issueLeaf("myopid.lum.localhost:4443", Lum::Tools::KeyType::EcP256, true,
+                              &cert_, &key));
+  }
+  static std::string cert_;
+  LumTest::TempDir dir_;
+};
+
+std::string PersistentStartTest::cert_;
+
+TEST_F(PersistentStartTest, FirstStartWritesDefaultsWithTheStartValues) {
+  Start start(dir_.path(), cert_);
+  EXPECT_FALSE(start.values.isPersisted());
+  EXPECT_TRUE(start.values.hasDeviceInfoChanged());
+  ASSERT_TRUE(start.store());
+  EXPECT_TRUE(start.values.isPersisted());
+
+  LumJson::Value expected = Document(PV());
+  const LumJson::Value device = Device();
+  for (const std::string& key : device.getMemberNames()) {
+    expected["device" + std::string(1, std::toupper(key[0])) + key.substr(1)] = device[key];
+  }
+  expected["certOpid"] = "myopid";
+  expected["certInstance"] = "lum.localhost:4443";
+  LumJson::Value stored;
+  ASSERT_TRUE(JsonUtil::ParseStrict(start.stored(), stored));
+  EXPECT_EQ(expected, stored);
+  EXPECT_NE("", stored["sdkVersion"].asString());
+  EXPECT_EQ(PV::BuiltInSdkVersion(), stored["sdkVersion"].asString());
+  EXPECT_TRUE(stored["daSupportViewEnabled"].asBool());
+  EXPECT_EQ(30001u, stored["daConnectTimeoutMs"].asUInt());
+}
+
+TEST_F(PersistentStartTest, RestartKeepsTokenAndSequenceNumbers) {
+  {
+    Start first(dir_.path(), cert_);
+    first.values.setGidToken("gid-token");
+    first.values.setOpidSeqNum(11);
+    first.values.setGidSeqNum(4294967295u);
+    first.values.setSynchronized(true);
+    ASSERT_TRUE(first.store());
+  }
+  Start second(dir_.path(), cert_);
+  EXPECT_EQ("gid-token", second.values.getGidToken());
+  EXPECT_EQ(11u, second.values.getOpidSeqNum());
+  EXPECT_EQ(4294967295u, second.values.getGidSeqNum());
+  EXPECT_TRUE(second.values.getSynchronized());
+  EXPECT_TRUE(second.values.isPersisted());
+  EXPECT_FALSE(second.values.hasDeviceInfoChanged());
+}
+
+// The back end learns of a changed description through a synchronisation,
+// which only the fields it is told about trigger.
+TEST_F(PersistentStartTest, ChangedDeviceAtRestartIsMarked) {
+  // The field, and whether the back end is told about it.
+  const std::pair<const char*, bool> cases[] = {{"swVersion", true}, {"id", true}, {"mac", false}};
+  for (const auto& [field, reported] : cases) {
+    SCOPED_TRACE(field);
+    LumTest::TempDir dir;
+    {
+      Start first(dir.path(), cert_);
+      first.values.setSynchronized(true);
+      ASSERT_TRUE(first.store());
+    }
+    LumJson::Value changed = Device();
+    changed[field] = "new";
+    Start second(dir.path(), cert_, changed);
+    EXPECT_EQ(!reported, second.values.getSynchronized());
+    EXPECT_FALSE(second.values.isPersisted());
+    EXPECT_TRUE(second.values.hasDeviceInfoChanged());
+  }
+}
+
+TEST_F(PersistentStartTest, StoreWritesOnlyWhenSomethingChanged) {
+  Start start(dir_.path(), cert_);
+  ASSERT_TRUE(start.store());
+  // With the file gone, a store that writes would bring it back.
+  ASSERT_TRUE(FileUtil::Drop(dir_.path(), "core"));
+  EXPECT_FALSE(start.values.setDaPollDelayFixedMs(3150000));  // its current value
+  EXPECT_TRUE(start.store());
+  EXPECT_EQ("", start.stored());
+
+  EXPECT_TRUE(start.values.setDaPollDelayFixedMs(60000));
+  EXPECT_FALSE(start.values.isPersisted());
+  EXPECT_TRUE(start.store());
+  std::string text;
+  start.values.marshal(text);
+  EXPECT_EQ(text, start.stored());
+}
+
+TEST_F(PersistentStartTest, DropRemovesTheFileSoTheNextStartHasDefaults) {
+  {
+    Start first(dir_.path(), cert_);
+    first.values.setGidToken("gid-token");
+    ASSERT_TRUE(first.store());
+    EXPECT_TRUE(first.values.drop(first.config.getPersistentPath()));
+    EXPECT_EQ("", first.stored());
+  }
+  Start second(dir_.path(), cert_);
+  EXPECT_EQ("", second.values.getGidToken());
+  EXPECT_FALSE(second.values.isPersisted());
+}
+
+TEST_F(PersistentStartTest, CorruptFileKeepsDefaultsAndIsRewritten) {
+  for (const char* content : {"{\"gidToken\":\"t\"", "[{\"gidToken\":\"t\"}]", "\x01\x02"}) {
+    SCOPED_TRACE(content);
+    LumTest::TempDir dir;
+    // Written by hand, as an older agent or a person would: no checksum.
+    LumTest::WriteFile(dir.file("core"), content);
+    Start start(dir.path(), cert_);
+    EXPECT_EQ("", start.values.getGidToken());
+    EXPECT_FALSE(start.values.isPersisted());
+    ASSERT_TRUE(start.store());
+    LumJson::Value root;
+    EXPECT_TRUE(JsonUtil::ParseStrict(start.stored(), root));
+  }
 }
 
 }  // namespace

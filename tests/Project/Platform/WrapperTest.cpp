@@ -1,8 +1,11 @@
-// Every wrapper answers with its test value until the platform registers a
-// callback, then passes arguments and results through, and falls back again
-// once the callback is removed.
+// Wrappers answer with their default until the platform registers a
+// callback, then pass arguments and results through, and fall back again once
+// null is registered. A few wrappers of every shape stand for the rest. Also
+// the remote-control keys and the support password built on them.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -13,471 +16,202 @@
 namespace {
 
 using namespace Lum::Sv;
-using LumTest::Registration;
 
-// What the test callbacks answer and what they last received. The wrappers
-// run on the test thread here, so plain globals suffice.
-std::string g_textAnswer;
-int g_intAnswer = 0;
-int g_calls = 0;
-std::string g_receivedText;
-int g_receivedInt = 0;
+std::string g_pressed;
+std::string g_serial;
+std::vector<std::string> g_generatorParts;
 
-std::string AnswerText() {
-  ++g_calls;
-  return g_textAnswer;
-}
-int AnswerInt() {
-  ++g_calls;
-  return g_intAnswer;
-}
-bool AnswerTrue() {
-  return true;
-}
-bool AnswerFalse() {
-  return false;
-}
-int ReceiveText(const std::string& value) {
-  ++g_calls;
-  g_receivedText = value;
-  return g_intAnswer;
-}
-int ReceiveInt(int value) {
-  ++g_calls;
-  g_receivedInt = value;
-  return g_intAnswer;
-}
-int AppendPlatformEntry(std::vector<std::string>& entries) {
-  ++g_calls;
-  entries.push_back("from the platform");
-  return g_intAnswer;
-}
-
-struct TextGetterCase {
-  const char* name;
-  void (*reg)(StringGetter);
-  std::string (*call)();
-  const char* fallback;
-};
-
-#define TEXT_GETTER(X, fallback) \
-  { #X, Reg##X, Nk##X, fallback }
-const TextGetterCase kTextGetters[] = {
-    TEXT_GETTER(GetSystemCountry, "Test Country"),
-    TEXT_GETTER(GetPlatformModel, "Mstar6886"),
-    TEXT_GETTER(GetSystemLanguage, "Test Language"),
-    TEXT_GETTER(GetRunningMode, "User Mode"),
-    TEXT_GETTER(GetNetflixKey, "Netflix Key Value"),
-    TEXT_GETTER(GetCIPlusKey, "CI+ Key Value"),
-    TEXT_GETTER(GetEDIDInfo, "EDID Info Value"),
-    TEXT_GETTER(GetTvVideoFormat, "Video Format"),
-    TEXT_GETTER(GetTvAudioFormat, "Audio Format"),
-    TEXT_GETTER(GetTvColourFormat, "Colour Format"),
-    TEXT_GETTER(GetTvSignalQuality, "Signal Quality"),
-    TEXT_GETTER(GetTvSignalLevel, "Signal Level"),
-    TEXT_GETTER(GetTvHDRType, "HDR Type"),
-    TEXT_GETTER(GetModulationType, ""),
-    TEXT_GETTER(GetChannelFrequency, ""),
-    TEXT_GETTER(GetSourceName, ""),
-    TEXT_GETTER(GetAdaptiveContrast, ""),
-    TEXT_GETTER(GetUltraSmoothMotion, ""),
-    TEXT_GETTER(GetNoiseReduction, ""),
-    TEXT_GETTER(GetCurrentChannel, ""),
-    TEXT_GETTER(GetSubtitle, ""),
-    TEXT_GETTER(GetAudioLanguage, ""),
-    TEXT_GETTER(GetWifiFirmware, ""),
-    TEXT_GETTER(GetArcPortName, "HDMI1"),
-    TEXT_GETTER(GetMacAddress, "unknown"),
-    TEXT_GETTER(GetManufacturedDate, "unknown"),
-    TEXT_GETTER(GetInitialPowerOnDate, "unknown"),
-    TEXT_GETTER(GetDeviceSN, "Test_ID"),
-    TEXT_GETTER(GetBrand, "Norvik"),
-    TEXT_GETTER(GetLumModel, "Norvik_Test_Model"),
-    TEXT_GETTER(GetLumSubModel, "0002"),
-    TEXT_GETTER(GetSwVersion, "Norvik_Softversion"),
-    TEXT_GETTER(GetPictureMode, "Standard"),
-    TEXT_GETTER(GetColourTemperature, "Standard"),
-    TEXT_GETTER(GetSoundMode, "Stardard"),
-    TEXT_GETTER(GetMuteStatus, "Mute"),
-    TEXT_GETTER(GetHeadphoneMode, "Headphone with Speakers"),
-    TEXT_GETTER(GetAudioOutput, "TV Speaker"),
-    TEXT_GETTER(GetPictureInspectionRespond, "No Respones"),
-    TEXT_GETTER(GetSoundInspectionRespond, "No Respones"),
-    TEXT_GETTER(GetRegion, "EU"),
-};
-
-struct NumberGetterCase {
-  const char* name;
-  void (*reg)(IntGetter);
-  int (*call)();
-  int fallback;
-};
-
-#define INT_GETTER(X, fallback) \
-  { #X, Reg##X, Nk##X, fallback }
-const NumberGetterCase kIntGetters[] = {
-    INT_GETTER(ActionPictureInspect, 0),
-    INT_GETTER(ActionSoundInspect, 0),
-    INT_GETTER(ActionOTA, 0),
-    INT_GETTER(FactoryReset, 0),
-    INT_GETTER(GetSpeakerArcMode, 0),
-    INT_GETTER(GetNetworkLinkStatus, 0),
-    INT_GETTER(GetEnhancedACRState, 0),
-    INT_GETTER(GetColourSaturation, 50),
-    INT_GETTER(GetVolume, 15),
-    INT_GETTER(GetLipSync, 6),
-    INT_GETTER(GetWifiSignalStrength, 50),
-    INT_GETTER(GetTimeOutFlag, 1),
-};
-
-struct FlagGetterCase {
-  const char* name;
-  void (*reg)(BoolGetter);
-  bool (*call)();
-  bool fallback;
-};
-
-#define BOOL_GETTER(X, fallback) \
-  { #X, Reg##X, Nk##X, fallback }
-const FlagGetterCase kBoolGetters[] = {
-    BOOL_GETTER(IsBTHeadphoneExist, false), BOOL_GETTER(IsWiredHeadphoneExist, false),
-    BOOL_GETTER(GetOverscan, false),        BOOL_GETTER(IsHbbtv, false),
-    BOOL_GETTER(IsCECSupport, true),        BOOL_GETTER(IsProtectUserData, true),
-};
-
-struct TextSetterCase {
-  const char* name;
-  void (*reg)(StringSetter);
-  int (*call)(const std::string&);
-};
-
-#define TEXT_SETTER(X) \
-  { #X, Reg##X, Nk##X }
-const TextSetterCase kTextSetters[] = {
-    TEXT_SETTER(SetSource),
-    TEXT_SETTER(SetPictureMode),
-    TEXT_SETTER(SetColourTemperature),
-    TEXT_SETTER(SetAdaptiveContrast),
-    TEXT_SETTER(SetUltraSmoothMotion),
-    TEXT_SETTER(SetNoiseReduction),
-    TEXT_SETTER(SetMuteStatus),
-    TEXT_SETTER(SetSoundMode),
-    TEXT_SETTER(SetHeadphoneMode),
-    TEXT_SETTER(SetAudioOutput),
-    TEXT_SETTER(SetSubtitle),
-    TEXT_SETTER(SetAudioLanguage),
-    TEXT_SETTER(BackupReadFile),
-    TEXT_SETTER(RemoveReadFile),
-};
-
-struct NumberSetterCase {
-  const char* name;
-  void (*reg)(IntSetter);
-  int (*call)(int);
-};
-
-#define INT_SETTER(X) \
-  { #X, Reg##X, Nk##X }
-const NumberSetterCase kIntSetters[] = {
-    INT_SETTER(SetColourSaturation), INT_SETTER(SetVolume),   INT_SETTER(SetLipSync),
-    INT_SETTER(EnableHbbtv),         INT_SETTER(RestoreAQPQ), INT_SETTER(ResetAQPQ),
-    INT_SETTER(SetEnhancedACRState),
-};
-
-const std::vector<std::string> kLanguages = {"English",    "German",     "French",   "Italian",
-                                             "Spanish",    "Portuguese", "Dutch",    "Greek",
-                                             "Russian",    "Czech",      "Slovak",   "Slovenian",
-                                             "Lithuanian", "Latvian",    "Estonian", "Ukrainian"};
-
-struct ListGetterCase {
-  const char* name;
-  void (*reg)(ListGetter);
-  int (*call)(std::vector<std::string>&);
-  std::vector<std::string> fallback;
-};
-
-#define LIST_GETTER(X, ...) \
-  { #X, Reg##X, Nk##X, __VA_ARGS__ }
-const ListGetterCase kListGetters[] = {
-    LIST_GETTER(GetVStrHDCPInfo, {"HDCP1.4 key", "HDCP1.4 value", "HDCP2.2 key", "HDCP2.2 value"}),
-    LIST_GETTER(GetVStrHDMIPortNameList, {"HDMI1", "HDMI2"}),
-    LIST_GETTER(GetVStrHDMIDeviceNameList, {"HDMI1-BD", "HDMI1-BSP", "HDMI1-AMP", "HDMI4-BD"}),
-    LIST_GETTER(GetVStrSourceList,
-                {"TV_ALIAS_NAME", "HDMI1", "HDMI1_ALIAS_NAME", "HDMI2", "HDMI2_ALIAS_NAME", "HDMI3",
-                 "HDMI3_ALIAS_NAME", "HDMI4", "HDMI4_ALIAS_NAME"}),
-    LIST_GETTER(GetVStrPictureModeList,
-                {"Standard", "Cinema Day", "Cinema Night", "Dynamic Sports"}),
-    LIST_GETTER(GetVStrColourTemperatureModeList, {"Standard", "Warm", "Cool"}),
-    LIST_GETTER(GetVStrAdaptiveContrastList, {"Off", "Low", "Medium", "High"}),
-    LIST_GETTER(GetVStrNoiseReductionList, {"Off", "Low", "Medium", "High"}),
-    LIST_GETTER(GetVStrUltraSmoothMotionList,
-                {"Off", "Smooth", "Standard", "Clear", "Film", "Custom"}),
-    LIST_GETTER(GetVStrSoundModeList,
-                {"Stardard", "Theater", "Music", "Speech", "Late Night", "Sports"}),
-    LIST_GETTER(GetVStrHeadphoneModeList, {"Headphone with Speakers", "Headphone Only"}),
-    LIST_GETTER(GetVStrAudioOutputList, {"BT Sound Bar", "ARC", "TV Speaker", "SPDIF Only"}),
-    LIST_GETTER(GetVStrSubtitleList, kLanguages),
-    LIST_GETTER(GetVStrAudioLanguageList, kLanguages),
-    // Only the shape of this one is fixed; checked below.
-    LIST_GETTER(BTSelfDiagnoseInfo, {}),
-    LIST_GETTER(GetVStrBTDeviceList, {"Name_test", "Addr_test", "Profile_test", "Attr_test"}),
-};
-
-// A wrapper that reached another item's slot would break these: each check
-// runs while exactly one callback of the family is registered.
-void ExpectOtherTextGettersUnchanged(const TextGetterCase& registered) {
-  for (const TextGetterCase& other : kTextGetters) {
-    if (&other != &registered) {
-      EXPECT_EQ(other.call(), other.fallback) << other.name << " while " << registered.name;
-    }
+// The test callbacks of every shape.
+struct Platform {
+  static std::string Text() { return "platform text"; }
+  static int Number() { return 4242; }
+  static bool True() { return true; }
+  static bool False() { return false; }
+  static int SetText(const std::string& value) { return static_cast<int>(value.size()); }
+  static int SetNumber(int value) { return value + 1; }
+  static int SetFlag(bool value) { return value ? 7 : 8; }
+  static int Key(const std::string& key) {
+    g_pressed = key;
+    return 5;
   }
+  static int List(std::vector<std::string>& entries) {
+    entries.push_back("platform");
+    return 3;
+  }
+  static int Arc(std::string& port, std::string& device) {
+    port += "+HDMI2";
+    device += "+Soundbar";
+    return 11;
+  }
+  static std::string ReadFilePath(const std::string& name, int index) {
+    return name + "." + std::to_string(index);
+  }
+  static int Frame(unsigned char* buffer, unsigned int size) {
+    buffer[0] = 0xAB;
+    return static_cast<int>(size);
+  }
+  static char* Identity(char* buffer) { return std::strcpy(buffer, "{}"); }
+  static std::string Serial() { return g_serial; }
+  static std::string Mac() { return "00:11:22:33:44:55"; }
+  static std::string Password() { return "platform secret"; }
+  static std::string Generate(const std::vector<std::string>& parts) {
+    g_generatorParts = parts;
+    return "generated by the platform";
+  }
+  static int ThrowStd() { throw std::runtime_error("platform failure"); }
+  static std::string ThrowOther() { throw 42; }
+};
+
+std::string Join(int result, const std::vector<std::string>& entries) {
+  std::string text = std::to_string(result);
+  for (const std::string& entry : entries) {
+    text += "|" + entry;
+  }
+  return text;
 }
 
-TEST(PlatformWrappers, TextGettersAnswerDefaultsThenPassThrough) {
-  for (const TextGetterCase& item : kTextGetters) {
+template <int (*Wrapped)(std::vector<std::string>&)>
+std::string CallList() {
+  std::vector<std::string> entries = {"caller's"};
+  const int result = Wrapped(entries);
+  return Join(result, entries);
+}
+
+// Every wrapper rendered as text: what it answers unregistered and with the
+// test callback registered.
+struct Wrapper {
+  const char* name;
+  std::function<void(bool)> registerCallback;  // false: registers null
+  std::function<std::string()> call;
+  std::string fallback;
+  std::string passedThrough;
+};
+
+// clang-format off
+#define WRAP(X, callback, call, fallback, passed) \
+  {#X, [](bool on) { Reg##X(on ? Platform::callback : nullptr); }, [] { return call; }, fallback, \
+   passed}
+// clang-format on
+
+const Wrapper kWrappers[] = {
+    WRAP(GetSystemCountry, Text, NkGetSystemCountry(), "Test Country", "platform text"),
+    WRAP(GetVolume, Number, std::to_string(NkGetVolume()), "15", "4242"),
+    WRAP(GetTimeOutFlag, Number, std::to_string(NkGetTimeOutFlag()), "1", "4242"),
+    WRAP(IsCECSupport, False, std::to_string(NkIsCECSupport()), "1", "0"),
+    WRAP(IsHbbtv, True, std::to_string(NkIsHbbtv()), "0", "1"),
+    WRAP(SetSource, SetText, std::to_string(NkSetSource("HDMI3 \xC3\xA9")), "0", "8"),
+    WRAP(SetVolume, SetNumber, std::to_string(NkSetVolume(-42)), "0", "-41"),
+    WRAP(SetEnhancedACRState, SetNumber, std::to_string(NkSetEnhancedACRState(5)), "0", "6"),
+    WRAP(KeyEventProc, Key, std::to_string(NkKeyEventProc("KEY_HOME")), "0", "5"),
+    WRAP(SetOverscan, SetFlag, std::to_string(NkSetOverscan(false)), "0", "8"),
+    WRAP(GetVStrHDMIPortNameList, List, CallList<NkGetVStrHDMIPortNameList>(),
+         "0|caller's|HDMI1|HDMI2", "3|caller's|platform"),
+    WRAP(GetVStrBTDeviceList, List, CallList<NkGetVStrBTDeviceList>(),
+         "0|caller's|Name_test|Addr_test|Profile_test|Attr_test", "3|caller's|platform"),
+    WRAP(
+        ArcInspect, Arc,
+        [] {
+          std::string port = "in";
+          std::string device = "in";
+          const int result = NkArcInspect(port, device);
+          return Join(result, {port, device});
+        }(),
+        "0|N/A|No Arc device.", "11|in+HDMI2|in+Soundbar"),
+    WRAP(GetReadFilePath, ReadFilePath, NkGetReadFilePath("log", 2), "", "log.2"),
+    WRAP(
+        FillVideoBuffer, Frame,
+        [] {
+          unsigned char frame[64] = {};
+          const int result = NkFillVideoBuffer(frame, sizeof frame);
+          return Join(result, {std::to_string(frame[0])});
+        }(),
+        "-1|0", "64|171"),
+    WRAP(
+        GetOrigLumIdJsonIdentity, Identity,
+        [] {
+          char buffer[8] = "unset";
+          const char* result = NkGetOrigLumIdJsonIdentity(buffer);
+          return std::string(result == buffer ? "buffer|" : result ? "other|" : "null|") + buffer;
+        }(),
+        "null|unset", "buffer|{}"),
+};
+
+TEST(PlatformWrappers, DefaultThenPassThroughThenDefaultAgain) {
+  for (const Wrapper& item : kWrappers) {
     SCOPED_TRACE(item.name);
     EXPECT_EQ(item.call(), item.fallback);
-    {
-      Registration<StringGetter> registration(item.reg, AnswerText);
-      g_textAnswer = std::string(item.name) + " from the platform";
-      g_calls = 0;
-      EXPECT_EQ(item.call(), g_textAnswer);
-      EXPECT_EQ(g_calls, 1);
-      ExpectOtherTextGettersUnchanged(item);
-      EXPECT_EQ(g_calls, 1);
-      g_textAnswer.clear();
-      EXPECT_EQ(item.call(), "") << "an empty answer is passed on, not replaced";
+    item.registerCallback(true);
+    // A wrapper reading another's slot would answer from the platform too.
+    for (const Wrapper& other : kWrappers) {
+      EXPECT_EQ(other.call(), &other == &item ? other.passedThrough : other.fallback)
+          << other.name << " while " << item.name << " is registered";
     }
-    EXPECT_EQ(item.call(), item.fallback) << "a null registration restores the default";
-  }
-}
-
-TEST(PlatformWrappers, NumberGettersAnswerDefaultsThenPassThrough) {
-  for (const NumberGetterCase& item : kIntGetters) {
-    SCOPED_TRACE(item.name);
-    EXPECT_EQ(item.call(), item.fallback);
-    {
-      Registration<IntGetter> registration(item.reg, AnswerInt);
-      for (int answer : {-7, 0, 12345}) {
-        g_intAnswer = answer;
-        EXPECT_EQ(item.call(), answer);
-      }
-      g_intAnswer = 777;
-      for (const NumberGetterCase& other : kIntGetters) {
-        if (&other != &item) {
-          EXPECT_EQ(other.call(), other.fallback) << other.name;
-        }
-      }
-    }
+    item.registerCallback(false);
     EXPECT_EQ(item.call(), item.fallback);
   }
-}
-
-TEST(PlatformWrappers, FlagGettersAnswerDefaultsThenPassThrough) {
-  for (const FlagGetterCase& item : kBoolGetters) {
-    SCOPED_TRACE(item.name);
-    EXPECT_EQ(item.call(), item.fallback);
-    {
-      Registration<BoolGetter> registration(item.reg, item.fallback ? AnswerFalse : AnswerTrue);
-      EXPECT_EQ(item.call(), !item.fallback);
-      for (const FlagGetterCase& other : kBoolGetters) {
-        if (&other != &item) {
-          EXPECT_EQ(other.call(), other.fallback) << other.name;
-        }
-      }
-    }
-    EXPECT_EQ(item.call(), item.fallback);
-  }
-}
-
-TEST(PlatformWrappers, TextSettersSucceedWithoutPlatformAndPassValuesThrough) {
-  for (const TextSetterCase& item : kTextSetters) {
-    SCOPED_TRACE(item.name);
-    g_calls = 0;
-    EXPECT_EQ(item.call("ignored"), 0);
-    {
-      Registration<StringSetter> registration(item.reg, ReceiveText);
-      g_intAnswer = -3;
-      const std::string value = std::string(item.name) + " value \xC3\xA9";
-      EXPECT_EQ(item.call(value), -3);
-      EXPECT_EQ(g_receivedText, value);
-      EXPECT_EQ(g_calls, 1);
-      for (const TextSetterCase& other : kTextSetters) {
-        if (&other != &item) {
-          EXPECT_EQ(other.call("other"), 0) << other.name;
-        }
-      }
-      EXPECT_EQ(g_calls, 1) << "another setter reached this callback";
-    }
-    EXPECT_EQ(item.call("again"), 0);
-    EXPECT_EQ(g_calls, 1);
-  }
-}
-
-TEST(PlatformWrappers, NumberSettersSucceedWithoutPlatformAndPassValuesThrough) {
-  for (const NumberSetterCase& item : kIntSetters) {
-    SCOPED_TRACE(item.name);
-    g_calls = 0;
-    EXPECT_EQ(item.call(5), 0);
-    {
-      Registration<IntSetter> registration(item.reg, ReceiveInt);
-      g_intAnswer = 9;
-      EXPECT_EQ(item.call(-42), 9);
-      EXPECT_EQ(g_receivedInt, -42);
-      for (const NumberSetterCase& other : kIntSetters) {
-        if (&other != &item) {
-          EXPECT_EQ(other.call(1), 0) << other.name;
-        }
-      }
-      EXPECT_EQ(g_calls, 1);
-    }
-    EXPECT_EQ(item.call(5), 0);
-    EXPECT_EQ(g_calls, 1);
-  }
-}
-
-int g_receivedFlag = -1;
-int ReceiveFlag(bool value) {
-  g_receivedFlag = value ? 1 : 0;
-  return 4;
-}
-
-TEST(PlatformWrappers, OverscanSetterPassesTheFlagThrough) {
-  EXPECT_EQ(NkSetOverscan(true), 0);
-  {
-    Registration<BoolSetter> registration(RegSetOverscan, ReceiveFlag);
-    EXPECT_EQ(NkSetOverscan(true), 4);
-    EXPECT_EQ(g_receivedFlag, 1);
-    EXPECT_EQ(NkSetOverscan(false), 4);
-    EXPECT_EQ(g_receivedFlag, 0);
-  }
-  EXPECT_EQ(NkSetOverscan(true), 0);
-  EXPECT_EQ(g_receivedFlag, 0);
-}
-
-TEST(PlatformWrappers, ListGettersAppendDefaultsThenPassTheCallersListThrough) {
-  for (const ListGetterCase& item : kListGetters) {
-    SCOPED_TRACE(item.name);
-    std::vector<std::string> entries = {"already there"};
-    EXPECT_EQ(item.call(entries), 0);
-    ASSERT_FALSE(entries.empty());
-    EXPECT_EQ(entries.front(), "already there") << "defaults are appended, nothing is cleared";
-    const std::vector<std::string> defaults(entries.begin() + 1, entries.end());
-    if (item.fallback.empty()) {
-      ASSERT_EQ(defaults.size(), 2u);
-      EXPECT_EQ(defaults[0].rfind("BT Inspection failed. Because ......", 0), 0u) << defaults[0];
-      EXPECT_FALSE(defaults[1].empty());
-    } else {
-      EXPECT_EQ(defaults, item.fallback);
-    }
-    {
-      Registration<ListGetter> registration(item.reg, AppendPlatformEntry);
-      g_intAnswer = 3;
-      std::vector<std::string> platformEntries = {"already there"};
-      EXPECT_EQ(item.call(platformEntries), 3);
-      EXPECT_EQ(platformEntries, (std::vector<std::string>{"already there", "from the platform"}));
-    }
-    std::vector<std::string> again;
-    EXPECT_EQ(item.call(again), 0);
-    EXPECT_EQ(again, defaults);
-  }
-}
-
-int FillArc(std::string& port, std::string& device) {
-  port += "+HDMI2";
-  device += "+Soundbar";
-  return 11;
-}
-
-TEST(PlatformWrappers, ArcInspectFillsBothTexts) {
-  std::string port = "old";
-  std::string device = "old";
-  EXPECT_EQ(NkArcInspect(port, device), 0);
-  EXPECT_EQ(port, "N/A");
-  EXPECT_EQ(device, "No Arc device.");
-
-  Registration<ArcInspectCallback> registration(RegArcInspect, FillArc);
-  port = "in";
-  device = "in";
-  EXPECT_EQ(NkArcInspect(port, device), 11);
-  EXPECT_EQ(port, "in+HDMI2");
-  EXPECT_EQ(device, "in+Soundbar");
-}
-
-std::string ReadFilePath(const std::string& fileName, int index) {
-  return "/data/" + fileName + "." + std::to_string(index);
-}
-
-TEST(PlatformWrappers, ReadFilePathPassesNameAndIndex) {
-  EXPECT_EQ(NkGetReadFilePath("log", 2), "");
-  Registration<ReadFilePathCallback> registration(RegGetReadFilePath, ReadFilePath);
-  EXPECT_EQ(NkGetReadFilePath("log", 2), "/data/log.2");
-}
-
-unsigned char* g_frameBuffer = nullptr;
-unsigned int g_frameSize = 0;
-int CaptureFrame(unsigned char* buffer, unsigned int size) {
-  g_frameBuffer = buffer;
-  g_frameSize = size;
-  buffer[0] = 0xAB;
-  return static_cast<int>(size) - 1;
-}
-
-TEST(PlatformWrappers, FillVideoBufferReportsNoFrameWithoutPlatform) {
-  std::vector<unsigned char> frame(64, 0);
-  EXPECT_EQ(NkFillVideoBuffer(frame.data(), 64), -1);
-  EXPECT_EQ(frame[0], 0) << "no frame means the buffer is left alone";
-
-  Registration<FillVideoBufferCallback> registration(RegFillVideoBuffer, CaptureFrame);
-  EXPECT_EQ(NkFillVideoBuffer(frame.data(), 64), 63);
-  EXPECT_EQ(g_frameBuffer, frame.data());
-  EXPECT_EQ(g_frameSize, 64u);
-  EXPECT_EQ(frame[0], 0xAB);
-}
-
-char* CopyOriginalIdentity(char* buffer) {
-  buffer[0] = '{';
-  buffer[1] = '}';
-  buffer[2] = '\0';
-  return buffer;
-}
-
-TEST(PlatformWrappers, OriginalIdentityIsNullWithoutPlatform) {
-  char buffer[8] = "unset";
-  EXPECT_EQ(NkGetOrigLumIdJsonIdentity(buffer), nullptr);
-  EXPECT_STREQ(buffer, "unset");
-
-  Registration<OrigIdentityCallback> registration(RegGetOrigLumIdJsonIdentity,
-                                                  CopyOriginalIdentity);
-  EXPECT_EQ(NkGetOrigLumIdJsonIdentity(buffer), buffer);
-  EXPECT_STREQ(buffer, "{}");
-}
-
-int ThrowStd() {
-  throw std::runtime_error("platform failure");
-}
-std::string ThrowOther() {
-  throw 42;
-}
-int ThrowWhileFilling(std::vector<std::string>&) {
-  throw std::logic_error("broken list");
 }
 
 TEST(PlatformWrappers, ThrowingCallbacksAreAnsweredWithTheDefault) {
-  {
-    Registration<IntGetter> registration(RegGetVolume, ThrowStd);
-    EXPECT_EQ(NkGetVolume(), 15);
+  LumTest::Registration<IntGetter> volume(RegGetVolume, Platform::ThrowStd);
+  LumTest::Registration<StringGetter> brand(RegGetBrand, Platform::ThrowOther);
+  EXPECT_EQ(NkGetVolume(), 15);
+  EXPECT_EQ(NkGetBrand(), "Norvik");
+}
+
+// Back-end key names are translated through the key map; unknown names
+// press nothing.
+TEST(KeyEvents, KeysArePressedUnderTheirPlatformNames) {
+  // The back-end name, and the platform's ("": none).
+  const std::pair<const char*, const char*> cases[] = {{"HOME", "KEY_HOME"},
+                                                       {"BLUE", "KEY_BLUE"},
+                                                       {"SVC_NETFLIX", "KEY_NETFLIX"},
+                                                       {"", ""},
+                                                       {"home", ""},
+                                                       {"KEY_HOME", ""},
+                                                       {"SVC_", ""},
+                                                       {"HOME ", ""}};
+  LumTest::Registration<KeyEventCallback> registration(RegKeyEventProc, Platform::Key);
+  for (const auto& [backEnd, platform] : cases) {
+    SCOPED_TRACE(backEnd);
+    g_pressed.clear();
+    EXPECT_EQ(LumKeyEventProc(backEnd), *platform != '\0' ? 5 : -1);
+    EXPECT_EQ(g_pressed, platform);
   }
-  {
-    Registration<StringGetter> registration(RegGetBrand, ThrowOther);
-    EXPECT_EQ(NkGetBrand(), "Norvik");
-  }
-  {
-    Registration<ListGetter> registration(RegGetVStrHDMIPortNameList, ThrowWhileFilling);
-    std::vector<std::string> entries;
-    EXPECT_EQ(NkGetVStrHDMIPortNameList(entries), 0);
-    EXPECT_EQ(entries, (std::vector<std::string>{"HDMI1", "HDMI2"}));
-  }
+}
+
+// The support password: the platform's when it supplies one, otherwise a
+// value derived from the device's serial number and MAC address.
+TEST(SupportPassword, FallbackIsAStableDeviceSpecificDigest) {
+  const std::string unplatformed = NkGetLumPassword();
+  EXPECT_EQ(unplatformed.size(), 32u);
+  EXPECT_EQ(unplatformed.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_EQ(NkGetLumPassword(), unplatformed) << "a key pass phrase must not change";
+
+  LumTest::Registration<StringGetter> mac(RegGetMacAddress, Platform::Mac);
+  LumTest::Registration<StringGetter> serial(RegGetDeviceSN, Platform::Serial);
+  g_serial = "SN-0001";
+  const std::string first = NkGetLumPassword();
+  g_serial = "SN-0002";
+  EXPECT_NE(first, unplatformed);
+  EXPECT_NE(first, NkGetLumPassword()) << "two devices must not share a password";
+  EXPECT_EQ(NkGetLumPassword(), NkGenerateLumPassword({"SN-0002", "00:11:22:33:44:55"}));
+  // Part boundaries matter.
+  EXPECT_NE(NkGenerateLumPassword({"ab", "c"}), NkGenerateLumPassword({"a", "bc"}));
+  EXPECT_NE(NkGenerateLumPassword({"abc"}), NkGenerateLumPassword({"abc", ""}));
+}
+
+TEST(SupportPassword, PlatformPasswordWinsOverThePlatformGenerator) {
+  LumTest::Registration<StringGetter> serial(RegGetDeviceSN, Platform::Serial);
+  LumTest::Registration<StringGetter> mac(RegGetMacAddress, Platform::Mac);
+  LumTest::Registration<PasswordGenerator> generator(RegGenerateLumPassword, Platform::Generate);
+  g_serial = "SN-77";
+  EXPECT_EQ(NkGetLumPassword(), "generated by the platform");
+  EXPECT_EQ(g_generatorParts, (std::vector<std::string>{"SN-77", "00:11:22:33:44:55"}));
+
+  g_generatorParts.clear();
+  LumTest::Registration<StringGetter> password(RegGetLumPassword, Platform::Password);
+  EXPECT_EQ(NkGetLumPassword(), "platform secret");
+  EXPECT_TRUE(g_generatorParts.empty()) << "the generator is only the fallback";
 }
 
 }  // namespace

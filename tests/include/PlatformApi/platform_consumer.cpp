@@ -1,53 +1,10 @@
 // The platform header compiles on its own under -pedantic, and a host
-// program registers one callback of each shape through liblum.so.0. (That
-// every registration is defined is checked by the binding's unit tests, that
-// each is exported by the exported-symbol list.)
+// program registers one callback of each shape through liblum.so.0.
 #include <lum_platform.h>
 
 #include <cstdio>
 
 namespace {
-
-std::string Text() {
-  return "text";
-}
-int Number() {
-  return 1;
-}
-bool Flag() {
-  return true;
-}
-int SetText(const std::string&) {
-  return 0;
-}
-int SetNumber(int) {
-  return 0;
-}
-int SetFlag(bool) {
-  return 0;
-}
-int List(std::vector<std::string>& entries) {
-  entries.push_back("entry");
-  return 0;
-}
-int Arc(std::string&, std::string&) {
-  return 0;
-}
-std::string ReadFilePath(const std::string& name, int) {
-  return name;
-}
-int Frame(unsigned char*, unsigned int) {
-  return -1;
-}
-char* Identity(char* buffer) {
-  return buffer;
-}
-int Key(const std::string&) {
-  return 0;
-}
-std::string Password(const std::vector<std::string>&) {
-  return "password";
-}
 
 template <typename Fn>
 void RegisterAndRemove(void (*reg)(Fn), Fn callback) {
@@ -59,19 +16,23 @@ void RegisterAndRemove(void (*reg)(Fn), Fn callback) {
 
 int main() {
   using namespace Lum::Sv;
-  RegisterAndRemove<StringGetter>(RegGetSystemCountry, Text);
-  RegisterAndRemove<IntGetter>(RegActionPictureInspect, Number);
-  RegisterAndRemove<BoolGetter>(RegIsBTHeadphoneExist, Flag);
-  RegisterAndRemove<StringSetter>(RegSetSource, SetText);
-  RegisterAndRemove<BoolSetter>(RegSetOverscan, SetFlag);
-  RegisterAndRemove<IntSetter>(RegSetColourSaturation, SetNumber);
-  RegisterAndRemove<ListGetter>(RegGetVStrHDCPInfo, List);
-  RegisterAndRemove<ArcInspectCallback>(RegArcInspect, Arc);
-  RegisterAndRemove<ReadFilePathCallback>(RegGetReadFilePath, ReadFilePath);
-  RegisterAndRemove<FillVideoBufferCallback>(RegFillVideoBuffer, Frame);
-  RegisterAndRemove<OrigIdentityCallback>(RegGetOrigLumIdJsonIdentity, Identity);
-  RegisterAndRemove<KeyEventCallback>(RegKeyEventProc, Key);
-  RegisterAndRemove<PasswordGenerator>(RegGenerateLumPassword, Password);
+  RegisterAndRemove<StringGetter>(RegGetSystemCountry, [] { return std::string("text"); });
+  RegisterAndRemove<IntGetter>(RegActionPictureInspect, [] { return 1; });
+  RegisterAndRemove<BoolGetter>(RegIsBTHeadphoneExist, [] { return true; });
+  RegisterAndRemove<StringSetter>(RegSetSource, [](const std::string&) { return 0; });
+  RegisterAndRemove<BoolSetter>(RegSetOverscan, [](bool) { return 0; });
+  RegisterAndRemove<IntSetter>(RegSetColourSaturation, [](int) { return 0; });
+  RegisterAndRemove<ListGetter>(RegGetVStrHDCPInfo, [](std::vector<std::string>&) { return 0; });
+  RegisterAndRemove<ArcInspectCallback>(RegArcInspect,
+                                        [](std::string&, std::string&) { return 0; });
+  RegisterAndRemove<ReadFilePathCallback>(RegGetReadFilePath,
+                                          [](const std::string& name, int) { return name; });
+  RegisterAndRemove<FillVideoBufferCallback>(RegFillVideoBuffer,
+                                             [](unsigned char*, unsigned int) { return -1; });
+  RegisterAndRemove<OrigIdentityCallback>(RegGetOrigLumIdJsonIdentity, [](char* b) { return b; });
+  RegisterAndRemove<KeyEventCallback>(RegKeyEventProc, [](const std::string&) { return 0; });
+  RegisterAndRemove<PasswordGenerator>(
+      RegGenerateLumPassword, [](const std::vector<std::string>&) { return std::string("pw"); });
   std::puts("all platform registrations linked");
   return 0;
 }
