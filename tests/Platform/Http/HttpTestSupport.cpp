@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "support/TestSupport.h"
+
 namespace LumHttpTest {
 
 namespace {
@@ -13,41 +15,34 @@ namespace {
 struct Material {
   Lum::Tools::TestPki pki;
   Lum::Tools::DeviceIdentity device;
+  LumTest::TempDir trustDir;
 };
 
 const Material& Shared() {
   static Material material;
   static std::once_flag once;
   std::call_once(once, [] {
-    std::string error;
-    if (!material.pki.generate(&error)) {
-      ADD_FAILURE() << "PKI generation failed: " << error;
-      return;
-    }
-    const std::string name = Lum::Tools::TestPki::DeviceCommonName("OPID", 0);
-    if (!material.pki.issueDevice(name, &material.device, Lum::Tools::TestPki::kDefaultPassPhrase,
-                                  Lum::Tools::KeyType::Rsa2048, &error)) {
-      ADD_FAILURE() << "device issuance failed: " << error;
-    }
-  });
-  return material;
-}
-
-// A proxy configured in the environment would take the loopback traffic
-// elsewhere; every test talks to the local back end directly. The client
-// asks libcurl not to touch signals, so, as in the host process, a write to
-// a connection the peer already closed must not kill the process: the
-// server side of these tests writes TLS records after clients hang up.
-class TestProcessEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
+    // A proxy from the environment would take the loopback traffic elsewhere.
+    // As in the host process, a write to a connection the peer already closed
+    // must not kill the process (libcurl is told not to touch signals).
     setenv("no_proxy", "*", 1);
     setenv("NO_PROXY", "*", 1);
     signal(SIGPIPE, SIG_IGN);
-  }
-};
-const ::testing::Environment* const kEnvironment =
-    ::testing::AddGlobalTestEnvironment(new TestProcessEnvironment);
+    std::string error;
+    const std::string name = Lum::Tools::TestPki::DeviceCommonName("OPID", 0);
+    if (!material.pki.generate(&error) ||
+        !material.pki.issueDevice(name, &material.device, Lum::Tools::TestPki::kDefaultPassPhrase,
+                                  Lum::Tools::KeyType::Rsa2048, &error)) {
+      ADD_FAILURE() << "test PKI: " << error;
+    }
+    // The process's default trust store names the untrusted CA: only the CAs
+    // a request itself names may count.
+    LumTest::WriteFile(material.trustDir.file("ca.pem"), material.pki.untrustedCaCertPem());
+    setenv("SSL_CERT_FILE", material.trustDir.file("ca.pem").c_str(), 1);
+    setenv("SSL_CERT_DIR", material.trustDir.path().c_str(), 1);
+  });
+  return material;
+}
 
 }  // namespace
 

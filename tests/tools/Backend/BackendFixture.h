@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "CurlTestClient.h"
+#include "Platform/Http.h"
 #include "Platform/LumJson.h"
 #include "tools/backend/Backend.h"
 #include "tools/pki/TestPki.h"
@@ -13,25 +13,25 @@
 namespace LumTest {
 
 // A running back end on an ephemeral loopback port with a device whose
-// certificate names that port. The PKI is made once per test binary.
+// certificate names that port. The PKI is made once per test suite. Calls
+// go through the agent's HTTP client; the TLS tests add the openssl command.
 class BackendTest : public ::testing::Test {
  protected:
+  using Http = Lum::Core::Http;
   static constexpr const char* kOpid = "LUMTEST";
 
   static void SetUpTestSuite();
   static void TearDownTestSuite();
   void SetUp() override;
-  void TearDown() override;
 
-  // Replaces the running back end by one with these options.
-  void restartBackend(const Lum::Tools::BackendOptions& options);
-
-  // A request from the device to `path` on the back end's host name.
-  CurlRequest deviceRequest(const std::string& method, const std::string& path,
-                            const std::string& body = "") const;
-  // POSTs a JSON body (with "Authorization: token" when token is not empty).
-  CurlResult postJson(const std::string& path, const std::string& token,
-                      const LumJson::Value& body) const;
+  // A call from the device to `path`, with "Authorization: token" when a
+  // token is given. Transport failures read as 400 without headers.
+  Http::Response call(Http::Verb verb, const std::string& path, const std::string& token = "",
+                      const std::string& body = "", uint32_t timeoutMs = 20000) const;
+  Http::Response post(const std::string& path, const std::string& token,
+                      const std::string& body = "{}") const {
+    return call(Http::POST, path, token, body);
+  }
   // Registers the device and returns its GID token (empty on failure).
   std::string registerDevice() const;
 
