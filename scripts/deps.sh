@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config binutils openssl
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev
-  libgtest-dev libbenchmark-dev libcpp-httplib-dev
+  libgtest-dev libbenchmark-dev
 )
 
 missing=()
