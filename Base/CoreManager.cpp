@@ -196,7 +196,7 @@ void CoreManager::loadTimeFile() {
     return;
   }
   LumJson::Value stored;
-  if (!JsonUtil::ParseStrict(text, stored) || !stored.isObject()) {
+  if (!JsonUtil::ParseObject(text, stored)) {
     return;
   }
   LogJson("coreTimeLoad", stored);
@@ -437,7 +437,7 @@ void CoreManager::postMicroService(Http::Response& response) {
 
 void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
   LumJson::Value answer;
-  if (!JsonUtil::ParseStrict(body, answer) || !answer.isObject()) {
+  if (!JsonUtil::ParseObject(body, answer)) {
     return;
   }
   PersistentValues& p = *persistent_;

@@ -17,10 +17,6 @@ namespace {
 constexpr int kService = FilterProperties::SERVICE_CORE;
 constexpr char kSwVersionFile[] = "swVersion";
 
-bool ParseObject(const std::string& text, LumJson::Value& root) {
-  return JsonUtil::ParseStrict(text, root) && root.isObject();
-}
-
 // A platform that answers with an empty text does not know the value, and
 // the placeholder says so more clearly than an empty field would.
 void TakeIfKnown(std::string& value, const std::string& platformValue) {
@@ -62,7 +58,7 @@ std::string DeviceValues::simulatedSwVersion() const {
   std::string version = initialSimulatedSwVersion_;
   const std::string text = FileUtil::Load(persistentPath_, kSwVersionFile);
   LumJson::Value root;
-  if (!text.empty() && ParseObject(text, root)) {
+  if (!text.empty() && JsonUtil::ParseObject(text, root)) {
     version = JsonUtil::ReadText(root, "swVersion", version);
   }
   return version;
@@ -70,7 +66,7 @@ std::string DeviceValues::simulatedSwVersion() const {
 
 void DeviceValues::takeMembers(const char* device) {
   LumJson::Value root;
-  if (device == nullptr || !ParseObject(device, root)) {
+  if (!JsonUtil::ParseObject(device, root)) {
     LUM_LOG(kService, FilterProperties::CATEGORY_STATE, FilterProperties::SEVERITY_ERROR,
             "Device text is not a JSON object; keeping the platform's values");
     return;

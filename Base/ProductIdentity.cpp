@@ -37,10 +37,6 @@ void CleanseAndFree(char*& copy) {
   }
 }
 
-bool ParseObject(const char* text, LumJson::Value& root) {
-  return text != nullptr && JsonUtil::ParseStrict(text, root) && root.isObject();
-}
-
 }  // namespace
 
 ProductIdentity::ProductIdentity(const char* identity) {
@@ -60,7 +56,7 @@ void ProductIdentity::setCustomValues() {
 
 void ProductIdentity::takeMembers(const char* identity) {
   LumJson::Value root;
-  if (!ParseObject(identity, root)) {
+  if (!JsonUtil::ParseObject(identity, root)) {
     LUM_LOG(kService, FilterProperties::CATEGORY_STATE, FilterProperties::SEVERITY_ERROR,
             "Identity text is not a JSON object; keeping the platform's values");
     return;

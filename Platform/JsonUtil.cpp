@@ -32,6 +32,14 @@ bool JsonUtil::ParseStrict(const std::string& text, LumJson::Value& out) {
   }
 }
 
+bool JsonUtil::ParseObject(const char* text, LumJson::Value& out) {
+  return text != nullptr && ParseStrict(text, out) && out.isObject();
+}
+
+bool JsonUtil::ParseObject(const std::string& text, LumJson::Value& out) {
+  return ParseStrict(text, out) && out.isObject();
+}
+
 std::string JsonUtil::WriteCompact(const LumJson::Value& value) {
   LumJson::StreamWriterBuilder builder;
   builder["indentation"] = "";

@@ -15,6 +15,9 @@ class JsonUtil {
  public:
   // Strict parse of a whole text; false (and `out` unspecified) on any error.
   static bool ParseStrict(const std::string& text, LumJson::Value& out);
+  // ParseStrict of a text that must hold an object; a null text is refused.
+  static bool ParseObject(const char* text, LumJson::Value& out);
+  static bool ParseObject(const std::string& text, LumJson::Value& out);
   // One line, no indentation and no trailing line feed.
   static std::string WriteCompact(const LumJson::Value& value);
 
