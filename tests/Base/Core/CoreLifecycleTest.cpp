@@ -7,7 +7,7 @@
 #include <cstring>
 #include <thread>
 
-#include "AgentHarness.h"
+#include "agent/AgentHarness.h"
 #include "Platform/Clock.h"
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"

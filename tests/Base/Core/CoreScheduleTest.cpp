@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "AgentHarness.h"
+#include "agent/AgentHarness.h"
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
 

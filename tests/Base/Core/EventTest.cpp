@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "AgentHarness.h"
+#include "agent/AgentHarness.h"
 #include "Base/CoreManager.h"
 #include "Base/EventManager.h"
 #include "Platform/LockMutex.h"

@@ -1,4 +1,4 @@
-#include "AgentHarness.h"
+#include "agent/AgentHarness.h"
 
 #include <gtest/gtest.h>
 
