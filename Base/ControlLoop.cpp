@@ -12,6 +12,19 @@ namespace Core {
 
 using FP = FilterProperties;
 
+void ControlLoop::logDelay(const char* name, int service, long long ms, ControlCycle& cycle) {
+  const int seconds = static_cast<int>(ms / 1000);
+  const int millis = static_cast<int>(ms % 1000);
+  if (cycle.delayNamesCall()) {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
+            "%s delaying %i.%03i seconds before running %s", name, seconds, millis,
+            cycle.nextCallName().c_str());
+  } else {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying %i.%03i seconds", name,
+            seconds, millis);
+  }
+}
+
 void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
                       ControlCycle& cycle) {
   LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s started", name);
@@ -21,16 +34,21 @@ void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& del
     const ControlCycle::Wait wait = cycle.nextWait(deadline);
     if (wait == ControlCycle::Wait::Forever) {
       LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying indefinitely", name);
+      cycle.setWaiting(true);
       delaySem.wait(nullptr);
+      cycle.setWaiting(false);
       continue;
+    }
+    if (wait == ControlCycle::Wait::None) {
+      LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s not delaying", name);
     }
     const timespec now = Clock::MonotonicNow();
     if (wait == ControlCycle::Wait::Until && IsBefore(now, deadline)) {
-      const long long ms = DiffMilliseconds(deadline, now);
-      LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-              "%s delaying %i.%03i seconds before running %s", name, static_cast<int>(ms / 1000),
-              static_cast<int>(ms % 1000), cycle.nextCallName().c_str());
-      if (!delaySem.wait(&deadline)) {
+      logDelay(name, service, DiffMilliseconds(deadline, now), cycle);
+      cycle.setWaiting(true);
+      const bool timedOut = delaySem.wait(&deadline);
+      cycle.setWaiting(false);
+      if (!timedOut) {
         LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delay was previously reset",
                 name);
       }

@@ -27,6 +27,11 @@ class ControlCycle {
   virtual std::string nextCallName() = 0;
   virtual void prepMicroService(Http::Request& request) = 0;
   virtual void postMicroService(Http::Response& response) = 0;
+  // Told when the thread starts and ends a wait, so that the owner resets
+  // the semaphore only for a thread that is actually asleep on it.
+  virtual void setWaiting(bool /*waiting*/) {}
+  // Whether the delay line names the call that follows the wait.
+  virtual bool delayNamesCall() const { return true; }
 };
 
 // The body of every manager's control thread: sleep on the manager's timed
@@ -38,6 +43,9 @@ class ControlLoop {
  public:
   static void Run(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
                   ControlCycle& cycle);
+
+ private:
+  static void logDelay(const char* name, int service, long long ms, ControlCycle& cycle);
 };
 
 }  // namespace Core

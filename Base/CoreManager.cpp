@@ -6,11 +6,13 @@
 #include <cstring>
 
 #include "Base/CoreConfig.h"
+#include "Base/DataServicesManager.h"
 #include "Base/DeviceValues.h"
 #include "Base/EventManager.h"
 #include "Base/Injector.h"
 #include "Base/PersistentValues.h"
 #include "Base/ProductIdentity.h"
+#include "Base/TimeFile.h"
 #include "Base/VolatileValues.h"
 #include "Platform/Clock.h"
 #include "Platform/FileUtil.h"
@@ -67,7 +69,13 @@ CoreManager* CoreManager::Instance() {
 
 CoreManager::CoreManager() : statusSem_(true, mutex_) { logStatusInfo(); }
 
-void CoreManager::addManager(Manager* manager) { managers_.push_back(manager); }
+void CoreManager::registerManagers() {
+  // Not in the constructor: the managers' own singletons reach back for the
+  // core mutex while they are built.
+  if (managers_.empty()) {
+    managers_.push_back(Ds::DataServicesManager::Instance());
+  }
+}
 
 // ---------------------------------------------------------------- lifecycle
 
@@ -81,6 +89,7 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
     return LUM_RESULT_TERMINATING;
   }
   state_ = Initialized;
+  registerManagers();
   timeval seed{};
   gettimeofday(&seed, nullptr);
   const uint32_t micros = static_cast<uint32_t>(seed.tv_usec);
@@ -191,62 +200,37 @@ void CoreManager::releaseCoreValues() {
 // ---------------------------------------------------------------- time file
 
 void CoreManager::loadTimeFile() {
-  const std::string text = FileUtil::Load(config_->getPersistentPath(), timeFileName_);
-  if (text.empty()) {
-    return;
-  }
   LumJson::Value stored;
-  if (!JsonUtil::ParseObject(text, stored)) {
+  bool complete = false;
+  const TimeFile::Result result = TimeFile::Load(config_->getPersistentPath(), timeFileName_,
+                                                 stored, volatile_->lastCall, complete);
+  if (result == TimeFile::Absent) {
     return;
   }
   LogJson("coreTimeLoad", stored);
-  const LumJson::Value& sec = stored["sec"];
-  const LumJson::Value& nsec = stored["nsec"];
-  timespec last{};
-  last.tv_sec = sec.isIntegral() ? static_cast<time_t>(sec.asInt64()) : 0;
-  last.tv_nsec = nsec.isIntegral() ? static_cast<long>(nsec.asInt64()) : 0;
-  const timespec wall = Clock::WallNow();
-  const timespec mono = Clock::MonotonicNow();
-  if (IsBefore(wall, last)) {
+  if (result == TimeFile::InFuture) {
     LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
             "Problem reading %s, lastCall is in the future. Defaulting to monotonic start as "
             "reference.",
             timeFileName_.c_str());
-    return;
   }
-  // lastCall := monotonic now - (wall now - stored time). A call older than
-  // this boot lies before the monotonic origin, which is fine: only
-  // differences are ever taken.
-  const long long agoMs = DiffMilliseconds(wall, last);
-  const long long monoMs = static_cast<long long>(mono.tv_sec) * 1000 + mono.tv_nsec / 1000000;
-  volatile_->lastCall = FromMilliseconds(monoMs - agoMs);
 }
 
 void CoreManager::storeTimeFile() {
-  const timespec wall = Clock::WallNow();
-  const timespec mono = Clock::MonotonicNow();
-  timespec stored = wall;
-  const long long elapsedMs = DiffMilliseconds(mono, volatile_->lastCall);
-  if (elapsedMs < 0) {
+  timespec wall{};
+  const TimeFile::Result result = TimeFile::ToWall(volatile_->lastCall, wall);
+  if (result == TimeFile::ElapsedNegative) {
     LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
             "Problem storing %s, elapsed time is negative. Defaulting to current time.",
             timeFileName_.c_str());
-  } else {
-    const long long wallMs =
-        static_cast<long long>(wall.tv_sec) * 1000 + wall.tv_nsec / 1000000 - elapsedMs;
-    stored = FromMilliseconds(wallMs);
-    if (IsBefore(wall, stored)) {
-      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
-              "Problem storing %s, lastCall is in the future. Defaulting to current time.",
-              timeFileName_.c_str());
-      stored = wall;
-    }
+  } else if (result == TimeFile::InFuture) {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Problem storing %s, lastCall is in the future. Defaulting to current time.",
+            timeFileName_.c_str());
   }
-  LumJson::Value value(LumJson::objectValue);
-  value["sec"] = static_cast<LumJson::Int64>(stored.tv_sec);
-  value["nsec"] = static_cast<LumJson::Int64>(stored.tv_nsec);
-  LogJson("coreTimeStore", value);
-  FileUtil::Store(config_->getPersistentPath(), timeFileName_, JsonUtil::WriteCompact(value));
+  LumJson::Value stored;
+  TimeFile::Store(config_->getPersistentPath(), timeFileName_, wall, stored);
+  LogJson("coreTimeStore", stored);
 }
 
 // ---------------------------------------------------------------- scheduling

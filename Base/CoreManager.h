@@ -58,9 +58,6 @@ class CoreManager : private ControlCycle {
   void evaluateStateChanges();
   void signalStatusChange();
 
-  // Managers started after the event manager, in start order. The core
-  // starts, cascades to and stops them; their own files register them.
-  void addManager(Manager* manager);
 
   Mutex& getMutex() { return mutex_; }
   DeviceAgentState getDeviceAgentState() const { return state_; }
@@ -112,6 +109,7 @@ class CoreManager : private ControlCycle {
   void storeTimeFile();
   void releaseCoreValues();
   void fillStatus(LumStatus* status);
+  void registerManagers();
   bool isTerminating() const { return state_ == Terminating || state_ == FactoryResetting; }
 
   const std::string timeFileName_ = "daTime";
@@ -125,6 +123,8 @@ class CoreManager : private ControlCycle {
   std::unique_ptr<VolatileValues> volatile_;
   std::unique_ptr<TimedSem> delaySem_;
   BinarySem statusSem_;
+  // The managers started after the event manager, in start order; the core
+  // starts, cascades to and stops them.
   std::vector<Manager*> managers_;
 };
 

@@ -47,14 +47,17 @@ AgentHarness::~AgentHarness() {
 
 std::string AgentHarness::identityText() const { return device_.identityJson(true); }
 
-std::string AgentHarness::configText(const LumJson::Value& coreExtra) const {
+std::string AgentHarness::configText(const LumJson::Value& coreExtra,
+                                     const LumJson::Value& dataServices) const {
   LumJson::Value filters(LumJson::arrayValue);
-  for (const char* category : {"state", "flow", "clibapi", "webservice", "supervisor"}) {
-    LumJson::Value filter(LumJson::objectValue);
-    filter["service"] = "core";
-    filter["category"] = category;
-    filter["severity"] = std::string(category) == "flow" ? "info" : "trace";
-    filters.append(filter);
+  for (const char* service : {"core", "ds"}) {
+    for (const char* category : {"state", "flow", "clibapi", "webservice", "supervisor"}) {
+      LumJson::Value filter(LumJson::objectValue);
+      filter["service"] = service;
+      filter["category"] = category;
+      filter["severity"] = std::string(category) == "flow" ? "info" : "trace";
+      filters.append(filter);
+    }
   }
   LumJson::Value logger(LumJson::objectValue);
   logger["type"] = "file";
@@ -71,6 +74,9 @@ std::string AgentHarness::configText(const LumJson::Value& coreExtra) const {
   }
   LumJson::Value config(LumJson::objectValue);
   config["core"] = core;
+  if (dataServices.isObject()) {
+    config["dataServices"] = dataServices;
+  }
   return JsonUtil::WriteCompact(config);
 }
 
@@ -86,8 +92,9 @@ std::string AgentHarness::deviceText() const {
   return JsonUtil::WriteCompact(device);
 }
 
-unsigned AgentHarness::init(const LumJson::Value& coreExtra) {
-  return LumInit(identityText().c_str(), configText(coreExtra).c_str(), deviceText().c_str());
+unsigned AgentHarness::init(const LumJson::Value& coreExtra, const LumJson::Value& dataServices) {
+  return LumInit(identityText().c_str(), configText(coreExtra, dataServices).c_str(),
+                 deviceText().c_str());
 }
 
 bool AgentHarness::stop(bool factoryReset) {

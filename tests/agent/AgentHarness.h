@@ -27,12 +27,14 @@ class AgentHarness {
   std::string logPath() const { return dir_.file("agent.log"); }
 
   // The three texts LumInit takes; `coreExtra` members are merged into the
-  // "core" section.
+  // "core" section, `dataServices` (when an object) becomes that section.
   std::string identityText() const;
-  std::string configText(const LumJson::Value& coreExtra = LumJson::Value()) const;
+  std::string configText(const LumJson::Value& coreExtra = LumJson::Value(),
+                         const LumJson::Value& dataServices = LumJson::Value()) const;
   std::string deviceText() const;
 
-  unsigned init(const LumJson::Value& coreExtra = LumJson::Value());
+  unsigned init(const LumJson::Value& coreExtra = LumJson::Value(),
+                const LumJson::Value& dataServices = LumJson::Value());
   // LumTerm (or LumFactoryReset) and a wait for state 0; false on time-out.
   bool stop(bool factoryReset = false);
   unsigned state() const;

@@ -1,0 +1,28 @@
+// The host's entry point into the data services: a thin guard that checks
+// its argument, logs one line and forwards to the data services manager.
+#include <lum.h>
+
+#include "Base/DataServicesManager.h"
+#include "Base/EntryGuard.h"
+#include "Platform/Logger.h"
+
+LUM_SOURCE_FILE("Base/LumDataServices");
+
+using FP = Lum::Core::FilterProperties;
+
+extern "C" {
+
+LUM_API unsigned int LumSubmitDataItem(const char* item) {
+  return Lum::Core::EntryGuard::Run([item]() -> unsigned {
+    LUM_TRACE(FP::SERVICE_DS);
+    if (item == nullptr) {
+      LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_WARNING,
+              "LumSubmitDataItem() called with bad item value");
+      return LUM_RESULT_BAD_ARGUMENT;
+    }
+    LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_DEBUG, "LumSubmitDataItem() called");
+    return Lum::Ds::DataServicesManager::Instance()->submitDataItem(item);
+  });
+}
+
+}  // extern "C"
