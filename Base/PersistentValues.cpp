@@ -10,6 +10,7 @@
 #include "Platform/Logger.h"
 #include "Platform/StringSetUtil.h"
 #include "Platform/X509Util.h"
+#include "Project/CollectDeviceInfo.h"
 
 LUM_SOURCE_FILE("Base/PersistentValues");
 
@@ -576,10 +577,9 @@ void PersistentValues::checkDeviceInfoCollector() {
 }
 
 void PersistentValues::wakeDeviceInfoCollector() {
-  // The collector class is not part of the build yet; its wake() is to be
-  // called here. Until then the hand-over is logged, so it stays visible.
-  LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_INFO,
-          "Device information changed, waking the device information collector");
+  // Runs with the core mutex held; wake() relies on exactly that and takes
+  // no lock of its own.
+  deviceInfoCollector_->wake();
 }
 
 void PersistentValues::logStateDebug() const {

@@ -305,9 +305,7 @@ class PersistentValues {
     return true;
   }
   bool changeDeviceInfo(std::string& member, const std::string& value, bool reported);
-  // Hands the change to the registered collector. The collector class is not
-  // in the build yet, so for now this logs the hand-over instead of calling
-  // its wake().
+  // Hands the change to the registered collector (its wake()).
   void wakeDeviceInfoCollector();
 
   // All guarded by the core manager's mutex (see the class comment).

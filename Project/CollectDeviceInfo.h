@@ -1,0 +1,70 @@
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Base/Collector.h"
+#include "Platform/BinarySem.h"
+#include "Platform/Thread.h"
+
+namespace Lum {
+namespace Core {
+class DeviceValues;
+class PersistentValues;
+}  // namespace Core
+
+namespace Ds {
+
+// Reports the device's ESN and MAC address as the data items "DeviceInfoEsn"
+// and "DeviceInfoMac" from its thread "DeviceInfoControl". It reports when
+// the device description differs from the one the previous run persisted,
+// and on the first start after a halt, since the back end may have missed
+// the values while they were not allowed.
+//
+// waiting_, terminating_, submit_, enableEsn_, enableMac_ and
+// changeUnreported_ are guarded by the core mutex (CoreManager::getMutex),
+// which sem_ is bound to: the thread works under that mutex anyway, and the
+// persistent values wake the collector while they hold it. thread_ belongs to
+// whoever starts and stops the collector (CollectorControl, then the
+// terminating thread after CollectorControl joined).
+class CollectDeviceInfo : public Collector {
+ public:
+  // `device` and `persistent` are the core's value objects; they outlive the
+  // collector. Either may be null, in which case nothing is reported.
+  CollectDeviceInfo(Core::DeviceValues* device, Core::PersistentValues* persistent);
+  ~CollectDeviceInfo() override;
+
+  // These take the core mutex; call them without it.
+  void initialize(const std::set<std::string>& ids) override;
+  void terminateBegin() override;
+  void terminateEnd() override;
+  void halt() override;
+
+  // The device description changed. Called with the core mutex held.
+  void wake();
+
+  // Called with the core mutex held.
+  void logStateDebug() const;
+
+ private:
+  static void* DeviceInfoControl(void* arg);
+  void runDeviceInfoControl();
+  std::vector<std::string> buildItems() const;
+  static void SubmitItems(const std::vector<std::string>& items);
+
+  Core::DeviceValues* const device_;          // not owned
+  Core::PersistentValues* const persistent_;  // not owned
+  bool waiting_ = false;
+  bool terminating_ = false;
+  bool submit_ = false;
+  bool enableEsn_ = false;
+  bool enableMac_ = false;
+  // A change of the device description not yet reported by this start.
+  bool changeUnreported_ = false;
+  Core::BinarySem sem_;
+  Core::Thread thread_;
+};
+
+}  // namespace Ds
+}  // namespace Lum
