@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Base/QueueManager.h"
+#include "Platform/Clock.h"
+#include "Platform/JsonUtil.h"
+#include "Platform/Sha256Util.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+using Lum::Ds::QueueManager;
+
+class FixedClock : public Lum::Core::Clock {
+ public:
+  timespec wall() const override { return now; }
+  timespec now{1614834367, 89500000};  // 2021-03-04T05:06:07.0895Z
+};
+
+// An item that already has its time, so it is stored unchanged, padded to
+// exactly `size` bytes (at least 32 for the one-letter id "a").
+std::string Item(size_t size, const std::string& id = "a") {
+  const std::string head = R"({"dateTime":"d","id":")" + id + R"(","p":")";
+  return head + std::string(size - head.size() - 2, 'x') + "\"}";
+}
+
+std::string Package(unsigned dropped, unsigned rejected, const std::string& items) {
+  return "{\"version\":2,\"dropped\":" + std::to_string(dropped) +
+         ",\"rejected\":" + std::to_string(rejected) + ",\"dataItems\":[" + items + "]}";
+}
+
+class QueueManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Lum::Core::Clock::Set(&clock_); }
+  void TearDown() override { Lum::Core::Clock::Set(nullptr); }
+  FixedClock clock_;
+};
+
+TEST_F(QueueManagerTest, AdmitsAllowedObjectsAndStampsThoseWithoutATime) {
+  struct Case {
+    std::string text;
+    bool queued;
+    std::string package;
+  };
+  const std::string deep =
+      R"({"id":"a","v":)" + std::string(5000, '[') + std::string(5000, ']') + "}";
+  const Case cases[] = {
+      {R"({"id":"a", "v": [1, 2]})", true,
+       Package(0, 0, R"({"dateTime":"2021-03-04T05:06:07.089Z","id":"a","v":[1,2]})")},
+      {R"({"id":"a","dateTime":"kept"})", true, Package(0, 0, R"({"dateTime":"kept","id":"a"})")},
+      {R"({"id":"a","dateTime":null})", true, Package(0, 0, R"({"dateTime":null,"id":"a"})")},
+      {R"({"id":"x"})", false, Package(0, 1, "")},
+      {R"({"id":5})", false, Package(0, 1, "")},
+      {R"({"dateTime":"d"})", false, Package(0, 1, "")},
+      {R"(["a"])", false, Package(0, 1, "")},
+      {"not json", false, Package(0, 1, "")},
+      {R"({"id":"a"} tail)", false, Package(0, 1, "")},
+      {R"({"id":"a","id":"a"})", false, Package(0, 1, "")},
+      {deep, false, Package(0, 1, "")},
+      {std::string(100000, '['), false, Package(0, 1, "")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 40));
+    QueueManager queue(100000);
+    queue.setAllowedDataItemIds({"a", "b"});
+    EXPECT_EQ(c.queued, queue.queueDataItem(c.text.c_str()));
+    EXPECT_EQ(c.queued, queue.isDataQueued());
+    queue.hashPackage();
+    EXPECT_EQ(c.package, queue.marshalPackage());
+  }
+}
+
+// The fast date path checked against gmtime_r over four centuries of days,
+// plus the edges that need wide fields.
+TEST_F(QueueManagerTest, StampsAreUtcWithMilliseconds) {
+  QueueManager queue(1 << 20);
+  queue.setAllowedDataItemIds({"a"});
+  auto stampAt = [&](time_t seconds, long nanos) {
+    clock_.now = {seconds, nanos};
+    queue.queueDataItem(R"({"id":"a"})");
+    queue.hashPackage();
+    LumJson::Value package;
+    EXPECT_TRUE(Lum::Core::JsonUtil::ParseStrict(queue.marshalPackage(), package));
+    queue.releasePackage();
+    return package["dataItems"][0]["dateTime"].asString();
+  };
+  for (time_t t = -2208988800LL; t < 10413792000LL; t += 86400 * 37 + 3601 * 5 + 7) {
+    tm parts{};
+    gmtime_r(&t, &parts);
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ",
+                  parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
+                  parts.tm_min, parts.tm_sec, 999999999L / 1000 / 1000);
+    ASSERT_EQ(expected, stampAt(t, 999999999)) << t;
+  }
+  EXPECT_EQ("2000-02-29T23:59:59.000Z", stampAt(951868799, 999999));
+  EXPECT_EQ("1969-12-31T23:59:59.001Z", stampAt(-1, 1000000));
+  EXPECT_EQ("10000-01-01T00:00:00.000Z", stampAt(253402300800LL, 0));
+}
+
+TEST_F(QueueManagerTest, BytesAreBoundedByHalfTheConfiguredLimit) {
+  struct Case {
+    uint32_t maximumDataBytes;
+    std::vector<size_t> sizes;
+    std::vector<bool> queued;
+    uint32_t fillPercent;
+  };
+  const Case cases[] = {
+      {200, {60, 40, 32}, {true, true, false}, 100},
+      {201, {60, 41}, {true, false}, 60},
+      {200, {101}, {false}, 0},
+      {0, {32}, {false}, 100},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.maximumDataBytes);
+    QueueManager queue(c.maximumDataBytes);
+    queue.setAllowedDataItemIds({"a"});
+    uint32_t held = 0;
+    unsigned dropped = 0;
+    for (size_t i = 0; i < c.sizes.size(); ++i) {
+      EXPECT_EQ(c.queued[i], queue.queueDataItem(Item(c.sizes[i]).c_str())) << c.sizes[i];
+      held += c.queued[i] ? c.sizes[i] : 0;
+      dropped += c.queued[i] ? 0 : 1;
+    }
+    EXPECT_EQ(held, queue.getCurrentBytes());
+    EXPECT_TRUE(queue.isAggressive(c.fillPercent));
+    EXPECT_FALSE(queue.isAggressive(c.fillPercent + 1));
+    queue.hashPackage();
+    EXPECT_NE(std::string::npos,
+              queue.marshalPackage().find("\"dropped\":" + std::to_string(dropped) + ","));
+  }
+}
+
+TEST_F(QueueManagerTest, APendingPackageIsAnnouncedUnchangedUntilReleased) {
+  QueueManager queue(1000);
+  queue.setAllowedDataItemIds({"a"});
+  queue.queueDataItem(Item(40).c_str());
+  queue.queueDataItem(R"({"id":"x"})");
+  const std::string hash = queue.hashPackage();
+  const std::string package = queue.marshalPackage();
+  EXPECT_EQ(Package(0, 1, Item(40)), package);
+  std::string digest;
+  Lum::Core::Sha256Util::Hash(package, digest);
+  EXPECT_EQ(digest, hash);
+
+  queue.queueDataItem(Item(50).c_str());
+  queue.queueDataItem(Item(600).c_str());
+  EXPECT_EQ(hash, queue.hashPackage());
+  EXPECT_EQ(package, queue.marshalPackage());
+  EXPECT_EQ(90u, queue.getCurrentBytes());
+
+  queue.releasePackage();
+  EXPECT_EQ(50u, queue.getCurrentBytes());
+  EXPECT_EQ(0u, queue.getPackageCount());
+  queue.hashPackage();
+  EXPECT_EQ(Package(1, 0, Item(50)), queue.marshalPackage());
+}
+
+TEST_F(QueueManagerTest, ARequeuedPackageGoesBackInFrontWithItsCounts) {
+  QueueManager queue(460);
+  queue.setAllowedDataItemIds({"a"});
+  queue.queueDataItem(Item(100).c_str());
+  queue.queueDataItem(Item(90).c_str());
+  queue.queueDataItem(Item(50).c_str());  // no room
+  queue.queueDataItem("{");
+  const std::string first = queue.hashPackage();
+  queue.queueDataItem(Item(33).c_str());
+  queue.queueDataItem(Item(50).c_str());
+  queue.queueDataItem(R"({"id":"b"})");
+  queue.requeuePackage();
+  EXPECT_FALSE(queue.isPackagePending());
+  EXPECT_EQ(223u, queue.getCurrentBytes());
+
+  EXPECT_NE(first, queue.hashPackage());
+  EXPECT_EQ(Package(2, 2, Item(100) + "," + Item(90) + "," + Item(33)), queue.marshalPackage());
+}
+
+// Withdrawn ids leave the queue at once, but never the announced package;
+// its items are filtered only when it comes back. Removed bytes stay counted
+// until the next release.
+TEST_F(QueueManagerTest, WithdrawnIdsSpareThePendingPackageUntilRequeued) {
+  QueueManager queue(1000);
+  queue.setAllowedDataItemIds({"a", "b"});
+  queue.queueDataItem(Item(40, "a").c_str());
+  queue.queueDataItem(Item(41, "b").c_str());
+  const std::string hash = queue.hashPackage();
+  const std::string package = queue.marshalPackage();
+  queue.queueDataItem(Item(42, "b").c_str());
+  queue.queueDataItem(Item(43, "a").c_str());
+
+  queue.setAllowedDataItemIds({"a"});
+  EXPECT_EQ(1u, queue.getQueuedCount());
+  EXPECT_EQ(package, queue.marshalPackage());
+  EXPECT_EQ(hash, queue.hashPackage());
+  EXPECT_EQ(166u, queue.getCurrentBytes());
+
+  queue.requeuePackage();
+  queue.hashPackage();
+  EXPECT_EQ(Package(0, 0, Item(40, "a") + "," + Item(43, "a")), queue.marshalPackage());
+  queue.releasePackage();
+  EXPECT_EQ(0u, queue.getCurrentBytes());
+}
+
+TEST_F(QueueManagerTest, AStoredPackageReadsBackThroughAdmission) {
+  QueueManager stored(1000);
+  stored.setAllowedDataItemIds({"a", "b"});
+  stored.queueDataItem(Item(40, "a").c_str());
+  stored.queueDataItem(Item(40, "b").c_str());
+  stored.queueDataItem("[");
+  stored.hashPackage();
+  const std::string text = stored.marshalPackage();
+
+  QueueManager same(1000);
+  same.setAllowedDataItemIds({"a", "b"});
+  EXPECT_TRUE(same.unmarshalPackage(text));
+  same.hashPackage();
+  EXPECT_EQ(text, same.marshalPackage());
+
+  QueueManager narrower(80);  // room for one item, and "b" withdrawn
+  narrower.setAllowedDataItemIds({"a"});
+  EXPECT_TRUE(narrower.unmarshalPackage(
+      Package(3, 4, Item(40, "b") + "," + Item(40, "a") + "," + Item(40, "a"))));
+  narrower.hashPackage();
+  EXPECT_EQ(Package(4, 5, Item(40, "a")), narrower.marshalPackage());
+
+  const std::string ignored[] = {
+      R"({"version":1,"dropped":0,"rejected":0,"dataItems":[{"id":"a"}]})",
+      R"({"version":"2","dropped":0,"rejected":0,"dataItems":[{"id":"a"}]})",
+      R"({"version":2,"rejected":0,"dataItems":[{"id":"a"}]})",
+      R"({"version":2,"dropped":0,"rejected":0,"dataItems":{"id":"a"}})",
+      R"([{"version":2}])",
+      text.substr(0, text.size() - 1),
+  };
+  for (const std::string& t : ignored) {
+    SCOPED_TRACE(t);
+    QueueManager queue(1000);
+    queue.setAllowedDataItemIds({"a"});
+    EXPECT_FALSE(queue.unmarshalPackage(t));
+    queue.hashPackage();
+    EXPECT_EQ(Package(0, 0, ""), queue.marshalPackage());
+  }
+}
+
+TEST_F(QueueManagerTest, StateLineShowsQueueAndPackageCounters) {
+  LumTest::LogCapture log("info");
+  QueueManager queue(200);
+  queue.setAllowedDataItemIds({"a"});
+  queue.queueDataItem(R"({"id":"x"})");
+  queue.queueDataItem(Item(60).c_str());
+  queue.queueDataItem(Item(41).c_str());
+  queue.hashPackage();
+  queue.queueDataItem(Item(35).c_str());
+  QueueManager unbounded(0);
+  unbounded.setAllowedDataItemIds({"a"});
+  unbounded.queueDataItem(Item(32).c_str());
+  const std::vector<std::string> expected = {
+      "Data State Change:  queue=00% 0-1 0/0 package=0-0 0/0",
+      "Data State Change:  queue=60% 0-1 1/60 package=0-0 0/0",
+      "Data State Change:  queue=60% 1-1 1/60 package=0-0 0/0",
+      "Data State Change:  queue=60% 0-0 0/0 package=1-1 1/60",
+      "Data State Change:  queue=95% 0-0 1/35 package=1-1 1/60",
+      "Data State Change:  queue=100% 1-0 0/0 package=0-0 0/0",
+  };
+  EXPECT_EQ(expected, log.messages());
+}
+
+}  // namespace
