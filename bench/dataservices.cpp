@@ -8,8 +8,10 @@
 // (divide by the call count of LumSubmitDataItem in the output):
 //   valgrind --tool=callgrind --toggle-collect=LumSubmitDataItem
 //       bench_dataservices --benchmark_filter='Submit/200$'
-//   valgrind --tool=callgrind --toggle-collect='*JsoncppAlone*'
+//   valgrind --tool=callgrind --toggle-collect='(anonymous namespace)::JsoncppAlone*'
 //       bench_dataservices --benchmark_filter=JsoncppAlone
+// (a pattern that also matched BM_JsoncppAlone would toggle collection off
+// again on entering JsoncppAlone).
 #include <benchmark/benchmark.h>
 #include <lum.h>
 
