@@ -2,6 +2,7 @@
 
 #include <openssl/rand.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +15,9 @@ namespace {
 constexpr const char* kGidTokenPath = "/api/v1/da/gidtoken";
 constexpr const char* kStatePath = "/api/v1/da/state";
 constexpr const char* kNotificationPath = "/api/v1/da/notification";
+constexpr const char* kUploadTokenPath = "/api/v1/ds/uploadtoken";
+constexpr const char* kUploadPackagePath = "/api/v1/dsdata/upload/package";
+constexpr size_t kMaxDnsLabel = 63;
 constexpr const char* kMethodPath = "/test/method";
 constexpr const char* kBytesPrefix = "/test/bytes/";
 constexpr const char* kAnyPath = "*";
@@ -87,6 +91,35 @@ void AnswerBytes(const RecordedRequest& request, Reply& reply) {
   }
 }
 
+// The region becomes part of a host name, so it must be one DNS label.
+bool IsDnsLabel(const std::string& text) {
+  if (text.empty() || text.size() > kMaxDnsLabel || text.front() == '-' || text.back() == '-') {
+    return false;
+  }
+  for (char c : text) {
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-') {
+      return false;
+    }
+  }
+  return true;
+}
+
+int StatusOf(UploadLedger::Verdict verdict) {
+  switch (verdict) {
+    case UploadLedger::Verdict::Accepted:
+      return 200;
+    case UploadLedger::Verdict::UnknownToken:
+    case UploadLedger::Verdict::UsedToken:
+      return 403;
+    case UploadLedger::Verdict::WrongHost:
+      return 421;
+    case UploadLedger::Verdict::HashMismatch:
+    case UploadLedger::Verdict::BadPackage:
+      break;
+  }
+  return 400;
+}
+
 void AnswerMethod(const RecordedRequest& request, Reply& reply) {
   reply.status = 200;
   reply.contentType = "text/plain";
@@ -117,6 +150,12 @@ void Backend::installCoreRoutes() {
            [this](const RecordedRequest& request, Reply& reply) { handleState(request, reply); });
   addRoute(kNotificationPath, [this](const RecordedRequest& request, Reply& reply) {
     handleNotification(request, reply);
+  });
+  addRoute(kUploadTokenPath, [this](const RecordedRequest& request, Reply& reply) {
+    handleUploadToken(request, reply);
+  });
+  addRoute(kUploadPackagePath, [this](const RecordedRequest& request, Reply& reply) {
+    handleUploadPackage(request, reply);
   });
   addRoute(kMethodPath, AnswerMethod);
   addPrefixRoute(kBytesPrefix, AnswerBytes);
@@ -550,6 +589,108 @@ void Backend::handleNotification(const RecordedRequest& request, Reply& reply) {
   reply.json(200, Compact(answer));
 }
 
+// ---- the data-services paths ----
+
+void Backend::handleUploadToken(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  if (!UploadLedger::SameHost(request.host, UploadLedger::TokenHost(request.clientCommonName))) {
+    reply.json(421, ErrorBody("not the data-services host of this device: " + request.host));
+    return;
+  }
+  LumJson::Value body;
+  const bool parsed = ParseJson(request.body, &body) && body.isObject();
+  std::string region;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    DeviceRecord* device = nullptr;
+    if (!authorized(request, &device)) {
+      reply.json(422, ErrorBody("unknown GID token"));
+      return;
+    }
+    if (!parsed || !body["dsPackageHash"].isString() ||
+        !UploadLedger::IsSha256Hex(body["dsPackageHash"].asString())) {
+      reply.json(400, ErrorBody("expected a JSON object with a SHA-256 \"dsPackageHash\""));
+      return;
+    }
+    ++device->uploadTokensIssued;
+    region = uploadRegion_;
+  }
+  LumJson::Value answer(LumJson::objectValue);
+  answer["dsUploadToken"] =
+      uploads_.issue(request.clientCommonName, body["dsPackageHash"].asString(), region);
+  answer["dsUploadRegion"] = region;
+  reply.json(200, Compact(answer));
+}
+
+void Backend::handleUploadPackage(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  const MultipartPart* data = request.part("data");
+  const MultipartPart* token = request.part("token");
+  if (data == nullptr || token == nullptr) {
+    reply.json(400, ErrorBody("expected the form parts \"data\" and \"token\""));
+    return;
+  }
+  ReceivedPackage package;
+  const UploadLedger::Verdict verdict = uploads_.accept(request.clientCommonName, request.host,
+                                                        token->content, data->content, &package);
+  if (verdict != UploadLedger::Verdict::Accepted) {
+    reply.json(StatusOf(verdict), ErrorBody(UploadLedger::VerdictToString(verdict)));
+    return;
+  }
+  if (options_.onPackage) {
+    options_.onPackage(package);
+  }
+  reply.json(200, "{}");
+}
+
+bool Backend::setUploadRegion(const std::string& region) {
+  if (!IsDnsLabel(region)) {
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  uploadRegion_ = region;
+  return true;
+}
+
+std::string Backend::uploadRegion() const {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  return uploadRegion_;
+}
+
+std::string Backend::dsBaseUrl(const std::string& opid) const {
+  return "https://" + opid + "-ds.lum.localhost:" + std::to_string(port());
+}
+
+std::string Backend::dsDataBaseUrl(const std::string& opid, const std::string& region) const {
+  return "https://" + opid + "-dsdata-" + region + ".lum.localhost:" + std::to_string(port());
+}
+
+unsigned Backend::uploadTokensIssued() const {
+  return uploads_.tokensIssued();
+}
+
+std::vector<ReceivedPackage> Backend::packages() const {
+  return uploads_.packages();
+}
+
+std::vector<LumJson::Value> Backend::dataItems() const {
+  return uploads_.dataItems();
+}
+
+bool Backend::waitForPackages(size_t n, std::chrono::milliseconds timeout) const {
+  return uploads_.waitForPackages(n, timeout);
+}
+
+bool Backend::waitForDataItems(size_t n, std::chrono::milliseconds timeout) const {
+  return uploads_.waitForDataItems(n, timeout);
+}
+
 // ---- control ----
 
 void Backend::pushTunables(const LumJson::Value& members) {
@@ -615,6 +756,7 @@ bool Backend::device(const std::string& commonName, DeviceView* view) const {
   view->tokensIssued = record.tokensIssued;
   view->stateCalls = record.stateCalls;
   view->notificationCalls = record.notificationCalls;
+  view->uploadTokensIssued = record.uploadTokensIssued;
   view->deliveryPending = deliveryPending(record);
   return true;
 }

@@ -13,6 +13,7 @@
 #include "Platform/LumJson.h"
 #include "tools/backend/HttpExchange.h"
 #include "tools/backend/TlsServer.h"
+#include "tools/backend/UploadLedger.h"
 #include "tools/pki/TestPki.h"
 
 namespace Lum {
@@ -30,6 +31,9 @@ struct BackendOptions {
   // Called after every answer (or drop) with the finished record, on the
   // connection's thread; the command-line back end prints from here.
   std::function<void(const RecordedRequest&)> onRequest;
+  // Called with every accepted data package, on the connection's thread,
+  // before the answer goes out.
+  std::function<void(const ReceivedPackage&)> onPackage;
 };
 
 // Fault injected into the answers of one path ("*" for every path). The
@@ -54,7 +58,8 @@ struct DeviceView {
   unsigned tokensIssued = 0;
   unsigned stateCalls = 0;
   unsigned notificationCalls = 0;
-  bool deliveryPending = false;  // pushed changes or events not yet delivered
+  unsigned uploadTokensIssued = 0;  // "ds/uploadtoken" answers that carried a token
+  bool deliveryPending = false;     // pushed changes or events not yet delivered
 };
 
 // The local device-agent back end: a mutual-TLS HTTPS server on loopback with
@@ -69,6 +74,19 @@ struct DeviceView {
 //                                 consent URL and undelivered "daEvents"
 //   POST /api/v1/da/notification  422 as above; "daStateSynchronized" false while
 //                                 something pushed is undelivered
+//   POST /api/v1/ds/uploadtoken   host "OPID-ds.INSTANCE" (else 421); 422 as above;
+//                                 400 unless the body holds "dsPackageHash" (64
+//                                 lower-case hex digits); issues a one-time
+//                                 {"dsUploadToken","dsUploadRegion"} bound to the
+//                                 device, the hash and the current region
+//   POST /api/v1/dsdata/upload/package
+//                                 multipart parts "token" and "data", no
+//                                 Authorization; 403 for an unknown, foreign or
+//                                 spent token, 421 unless the host is
+//                                 "OPID-dsdata-REGION.INSTANCE" of the token's
+//                                 region, 400 when the data's SHA-256 is not the
+//                                 bound hash or the data is not a version 2
+//                                 package; stores it and answers {}
 //   any  /test/method             answers the method text exactly as received
 //   any  /test/bytes/N            answers N bytes ("application/octet-stream")
 //   anything else                 404
@@ -117,6 +135,21 @@ class Backend {
   bool device(const std::string& commonName, DeviceView* view) const;
   std::vector<std::string> deviceNames() const;
 
+  // Data services. The region names the upload host of tokens issued from
+  // now on; false (and no change) unless it is a DNS label.
+  bool setUploadRegion(const std::string& region);
+  std::string uploadRegion() const;
+  // "https://OPID-ds.lum.localhost:PORT" and
+  // "https://OPID-dsdata-REGION.lum.localhost:PORT".
+  std::string dsBaseUrl(const std::string& opid) const;
+  std::string dsDataBaseUrl(const std::string& opid, const std::string& region) const;
+  unsigned uploadTokensIssued() const;
+  std::vector<ReceivedPackage> packages() const;
+  // Every item of every accepted package, in arrival order.
+  std::vector<LumJson::Value> dataItems() const;
+  bool waitForPackages(size_t n, std::chrono::milliseconds timeout) const;
+  bool waitForDataItems(size_t n, std::chrono::milliseconds timeout) const;
+
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
   void clearFaults();
@@ -144,6 +177,7 @@ class Backend {
     unsigned tokensIssued = 0;
     unsigned stateCalls = 0;
     unsigned notificationCalls = 0;
+    unsigned uploadTokensIssued = 0;
   };
   struct RouteEntry {
     std::string path;
@@ -163,6 +197,8 @@ class Backend {
   void handleGidToken(const RecordedRequest& request, Reply& reply);
   void handleState(const RecordedRequest& request, Reply& reply);
   void handleNotification(const RecordedRequest& request, Reply& reply);
+  void handleUploadToken(const RecordedRequest& request, Reply& reply);
+  void handleUploadPackage(const RecordedRequest& request, Reply& reply);
   DeviceRecord& deviceFor(const std::string& commonName);
   bool authorized(const RecordedRequest& request, DeviceRecord** device);
   bool deliveryPending(const DeviceRecord& device) const;
@@ -205,12 +241,17 @@ class Backend {
   bool synchronizedAnswer_ = true;
   unsigned long tokenCounter_ = 0;
   std::map<std::string, Fault> faults_;
+  std::string uploadRegion_ = "eu1";
 
   // The record, guarded by recordMutex_; recordCv_ signals arrivals and answers.
   mutable std::mutex recordMutex_;
   mutable std::condition_variable recordCv_;
   std::vector<RecordedRequest> records_;
   unsigned long nextSequence_ = 1;
+
+  // Upload tokens and received packages; guarded by its own mutex, and never
+  // called with stateMutex_ held.
+  UploadLedger uploads_;
 };
 
 }  // namespace Tools

@@ -1,15 +1,17 @@
 // lum-backend: the local back end for running the agent by hand, e.g.
 //   lum-pki /tmp/pki --opid LUMDEV01 --port 8443
 //   lum-backend --pki /tmp/pki --port 8443
-// Every request is printed to stdout; Ctrl-C stops.
-#include <fstream>
-#include <sstream>
+// Every request, and every item of every data package received, is printed
+// to stdout; Ctrl-C stops.
 #include <signal.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "Platform/JsonUtil.h"
 #include "tools/backend/Backend.h"
@@ -24,7 +26,8 @@ int Usage() {
   std::cerr << "usage: lum-backend --pki DIR [--port PORT] [--bind ADDR] [--tunables FILE]\n"
                "                   [--ocsp good|revoked|expired|none]\n"
                "                   [--tls 1.2-1.3|1.1|1.2|1.3|1.1-1.3]\n"
-               "                   [--server-cert default|untrusted|wronghost]\n";
+               "                   [--server-cert default|untrusted|wronghost]\n"
+               "                   [--allowed-ids ID,ID,...] [--region NAME]\n";
   return 2;
 }
 
@@ -78,8 +81,32 @@ bool ParseServerCert(const std::string& text, ServerCertKind* kind) {
   return true;
 }
 
+// Connection threads print concurrently; whole records stay together.
+std::mutex outputMutex;
+
+std::vector<std::string> SplitIds(const std::string& text) {
+  std::vector<std::string> ids;
+  std::stringstream stream(text);
+  std::string id;
+  while (std::getline(stream, id, ',')) {
+    if (!id.empty()) {
+      ids.push_back(id);
+    }
+  }
+  return ids;
+}
+
+void PrintPackage(const Lum::Tools::ReceivedPackage& package) {
+  std::lock_guard<std::mutex> lock(outputMutex);
+  std::cout << "data package from " << package.commonName << ": " << package.items.size()
+            << " items, dropped " << package.dropped << ", rejected " << package.rejected << "\n";
+  for (const auto& item : package.items) {
+    std::cout << "data item from " << package.commonName << ": " << item << "\n";
+  }
+  std::cout << std::flush;
+}
+
 void PrintRequest(const Lum::Tools::RecordedRequest& request) {
-  static std::mutex outputMutex;
   std::lock_guard<std::mutex> lock(outputMutex);
   std::cout << "#" << request.sequence << " " << request.clientCommonName << " " << request.method
             << " " << request.target << " -> " << request.status << "\n";
@@ -102,6 +129,9 @@ void PrintRequest(const Lum::Tools::RecordedRequest& request) {
 int main(int argc, char** argv) {
   std::string pkiDir;
   std::string tunablesFile;
+  std::string region;
+  bool idsGiven = false;
+  std::vector<std::string> allowedIds;
   Lum::Tools::BackendOptions options;
   options.port = 8443;
   for (int i = 1; i < argc; ++i) {
@@ -125,6 +155,11 @@ int main(int argc, char** argv) {
       ok = ParseServerCert(value, &options.serverCert);
     } else if (arg == "--tunables") {
       tunablesFile = value;
+    } else if (arg == "--allowed-ids") {
+      allowedIds = SplitIds(value);
+      idsGiven = true;
+    } else if (arg == "--region") {
+      region = value;
     } else {
       ok = false;
     }
@@ -142,6 +177,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   options.onRequest = PrintRequest;
+  options.onPackage = PrintPackage;
 
   // Wait for the stop signal synchronously rather than in a handler.
   sigset_t signals;
@@ -151,6 +187,13 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   Lum::Tools::Backend backend(pki, options);
+  if (!region.empty() && !backend.setUploadRegion(region)) {
+    std::cerr << "lum-backend: the region must be a DNS label: " << region << "\n";
+    return Usage();
+  }
+  if (idsGiven) {
+    backend.setAllowedDataItemIds(allowedIds);
+  }
   if (!backend.start(&error)) {
     std::cerr << "lum-backend: " << error << "\n";
     return 1;
