@@ -2,7 +2,9 @@
 # The agent's main job, end to end on this machine: a throwaway PKI, the
 # local back end with mutual TLS and stapled OCSP, and the host program
 # driving liblum.so.0 as a television would. The device registers,
-# synchronises and polls on a short schedule, then shuts down cleanly.
+# synchronises and polls on a short schedule; the television submits a few
+# data items, which the agent packages and uploads (one of them is not
+# allowed, so the package reports it as rejected); then it shuts down cleanly.
 #   scripts/demo.sh [seconds to run, default 12]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,23 +34,45 @@ mkdir -p "$work/pki" "$work/state"
 cat > "$work/tunables.json" <<JSON
 {"daPollDelayFixedMs": 3000, "daPollDelayVariedMs": 1000,
  "daRetryDelayFixedMs": 2000, "daRetryDelayVariedMs": 0,
- "daMessageTimeoutMs": 5000, "daConnectTimeoutMs": 5000}
+ "daMessageTimeoutMs": 5000, "daConnectTimeoutMs": 5000,
+ "dsStartupDelayFixedMs": 2000, "dsStartupDelayVariedMs": 0,
+ "dsStandardDelayFixedMs": 3000, "dsStandardDelayVariedMs": 500,
+ "dsRetryDelayFixedMs": 2000, "dsRetryDelayVariedMs": 0,
+ "dsAggressiveDelayFixedMs": 1000, "dsAggressiveDelayVariedMs": 0,
+ "dsMessageTimeoutMs": 5000, "dsConnectTimeoutMs": 5000}
 JSON
 cat > "$work/config.json" <<JSON
 {"core": {"persistentPath": "$work/state",
   "loggers": [{"type": "console", "argument": "stdout", "format": "medium",
     "filters": [{"service": "core", "category": "state", "severity": "info"},
                 {"service": "core", "category": "webservice", "severity": "info"},
-                {"service": "core", "category": "supervisor", "severity": "info"}]}]}}
+                {"service": "core", "category": "supervisor", "severity": "info"},
+                {"service": "ds", "category": "state", "severity": "info"},
+                {"service": "ds", "category": "webservice", "severity": "info"}]}]},
+ "dataServices": {"maximumDataBytes": 262144}}
 JSON
 cat > "$work/device.json" <<JSON
 {"id": "DEMO-0001", "model": "LT-55", "subModel": "LT-55-EU", "brand": "Acme",
  "esn": "ESN-DEMO-0001", "mac": "00:11:22:33:44:55", "swVersion": "1.0.0"}
 JSON
 
-echo "== Starting the local back end on 127.0.0.1:$port"
+# What the television reports; "TvVolume" is not among the allowed ids.
+cat > "$work/items.txt" <<'ITEMS'
+{"id":"TvPowerState","value":"on"}
+{"id":"TvChannelTune","channel":"7","source":"dvb-t"}
+
+{"id":"TvVolume","level":12}
+{"id":"TvChannelTune","channel":"12","dateTime":"2024-05-01T20:15:00.000Z"}
+{"id":"TvPowerState","value":"standby"}
+ITEMS
+
+allowed=TvPowerState,TvChannelTune,DeviceInfoEsn,DeviceInfoMac
+echo "== Starting the local back end on 127.0.0.1:$port (allowed data items: $allowed)"
+# The output goes through a process substitution so that $! is the back end
+# itself (for a pipeline it would be sed, and the back end would outlive us).
 "$bin/tools/backend/lum-backend" --pki "$work/pki" --port "$port" \
-  --tunables "$work/tunables.json" | sed -u 's/^/[backend] /' &
+  --tunables "$work/tunables.json" --allowed-ids "$allowed" --region eu1 \
+  > >(sed -u 's/^/[backend] /') &
 backend_pid=$!
 for _ in $(seq 50); do
   (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
@@ -56,12 +80,20 @@ for _ in $(seq 50); do
 done
 
 echo "== Running the host program for $seconds s (then SIGTERM-style stop)"
+echo "   it submits these data items once the agent knows the allowed ids:"
+grep -v '^$' "$work/items.txt" | sed 's/^/     /'
 "$bin/tools/host/lum-host" --identity "$work/pki/identity.json" \
   --config "$work/config.json" --device "$work/device.json" \
+  --items "$work/items.txt" --items-delay-ms 200 \
   --log-through --run-seconds "$seconds" | sed -u 's/^/[tv] /'
 
+echo "== Stopping the local back end"
+kill "$backend_pid" 2>/dev/null || true
+wait "$backend_pid" 2>/dev/null || true
+backend_pid=""
+
 echo "== Persisted state left by the agent"
-for f in core daTime; do
+for f in core daTime dsTime data; do
   [ -f "$work/state/$f" ] && echo "  $f: $(head -c 160 "$work/state/$f")..."
 done
 echo "== Demo finished"

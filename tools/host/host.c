@@ -3,10 +3,14 @@
  *
  *   lum-host --identity FILE --config FILE --device FILE
  *            [--test-mode] [--factory-reset] [--log-through] [--run-seconds N]
+ *            [--items FILE|-] [--items-delay-ms N]
  *
  * It starts the agent with the three JSON texts, prints one line for every
  * status change (followed on a thread of its own with LumGetStatus method 1),
- * and on SIGINT or SIGTERM (or after --run-seconds) stops the agent with
+ * with --items submits one JSON data item per line of FILE ("-": standard
+ * input) once the agent knows which items the back end allows, printing
+ * "item N: result R" for each, and on SIGINT or SIGTERM (or after
+ * --run-seconds, counted from LumInit) stops the agent with
  * LumTerm, or LumFactoryReset with --factory-reset, and waits for state 0.
  * Written against the public header only.
  */
@@ -29,7 +33,14 @@ typedef struct Options {
   int factoryReset;
   int logThrough;
   long runSeconds;
+  const char* itemsFile;
+  long itemsDelayMs;
 } Options;
+
+/* How long the items wait for the back end's allowed identifiers at most;
+   after that they are submitted anyway and the results show the refusals. */
+#define ALLOWED_IDS_WAIT_MS 30000L
+#define ALLOWED_IDS_POLL_MS 100L
 
 static int gLogThrough = 0;
 
@@ -142,6 +153,10 @@ static int parseOptions(int argc, char** argv, Options* options) {
       options->deviceFile = argv[++i];
     } else if (strcmp(arg, "--run-seconds") == 0 && next) {
       options->runSeconds = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--items") == 0 && next) {
+      options->itemsFile = argv[++i];
+    } else if (strcmp(arg, "--items-delay-ms") == 0 && next) {
+      options->itemsDelayMs = strtol(argv[++i], NULL, 10);
     } else if (strcmp(arg, "--test-mode") == 0) {
       options->testMode = 1;
     } else if (strcmp(arg, "--factory-reset") == 0) {
@@ -155,18 +170,117 @@ static int parseOptions(int argc, char** argv, Options* options) {
   return options->identityFile && options->configFile && options->deviceFile;
 }
 
-/* Waits for SIGINT/SIGTERM, or for the run time to pass. */
-static void waitForStop(const sigset_t* signals, long runSeconds) {
-  if (runSeconds > 0) {
-    struct timespec timeout;
-    timeout.tv_sec = runSeconds;
-    timeout.tv_nsec = 0;
-    while (sigtimedwait(signals, NULL, &timeout) < 0 && errno == EINTR) {
+static long long nowMs(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+/* Sleeps up to `ms` milliseconds; returns 1 when SIGINT/SIGTERM arrived
+   meanwhile (the signal is consumed). */
+static int stopSignalWithin(const sigset_t* signals, long long ms) {
+  struct timespec timeout;
+  if (ms <= 0) {
+    ms = 0;
+  }
+  timeout.tv_sec = (time_t)(ms / 1000);
+  timeout.tv_nsec = (long)(ms % 1000) * 1000000L;
+  for (;;) {
+    if (sigtimedwait(signals, NULL, &timeout) >= 0) {
+      return 1;
     }
+    if (errno != EINTR) {
+      return 0;
+    }
+  }
+}
+
+/* Waits for SIGINT/SIGTERM, or until the deadline (0: none) passes. */
+static void waitForStop(const sigset_t* signals, long long deadlineMs) {
+  if (deadlineMs > 0) {
+    stopSignalWithin(signals, deadlineMs - nowMs());
   } else {
     int signal = 0;
     sigwait(signals, &signal);
   }
+}
+
+static int allowedIdsKnown(void) {
+  LumStatus status;
+  int known;
+  memset(&status, 0, sizeof status);
+  if (LumGetStatus(LumStatusMethodImmediate, &status) != LUM_RESULT_SUCCESS) {
+    return 0;
+  }
+  known = status.allowedDataItemIds != NULL && status.allowedDataItemIds[0] != '\0';
+  LumFreeStatus(&status);
+  return known;
+}
+
+/* Items the back end does not allow are refused, so the host holds its items
+   until the agent has synchronised and learnt the allowed identifiers, as a
+   television's software would wait for the agent to come up. Returns 1 when
+   a stop signal ended the wait. */
+static int waitForAllowedIds(const sigset_t* signals, long long deadlineMs) {
+  long long giveUp = nowMs() + ALLOWED_IDS_WAIT_MS;
+  if (deadlineMs > 0 && deadlineMs < giveUp) {
+    giveUp = deadlineMs;
+  }
+  while (!allowedIdsKnown()) {
+    if (nowMs() >= giveUp) {
+      hostLine("host: %s", "no allowed data item ids known yet, submitting anyway");
+      return 0;
+    }
+    if (stopSignalWithin(signals, ALLOWED_IDS_POLL_MS)) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+static int isBlank(const char* line) {
+  for (; *line != '\0'; ++line) {
+    if (*line != ' ' && *line != '\t' && *line != '\r') {
+      return 0;
+    }
+  }
+  return 1;
+}
+
+/* Submits each non-blank line of `text` as one data item (the text is cut
+   up in place). Returns 1 when a stop signal cut the submissions short. */
+static int submitItems(char* text, const Options* options, const sigset_t* signals,
+                       long long deadlineMs) {
+  char* line = text;
+  unsigned number = 0;
+  int stopped = waitForAllowedIds(signals, deadlineMs);
+  while (line != NULL && !stopped) {
+    char* end = strchr(line, '\n');
+    char* next = NULL;
+    if (end != NULL) {
+      *end = '\0';
+      next = end + 1;
+    }
+    if (!isBlank(line)) {
+      char report[64];
+      size_t length = strlen(line);
+      unsigned result;
+      if (length > 0 && line[length - 1] == '\r') {
+        line[length - 1] = '\0';
+      }
+      if (number > 0 && options->itemsDelayMs > 0) {
+        stopped = stopSignalWithin(signals, options->itemsDelayMs);
+        if (stopped) {
+          break;
+        }
+      }
+      result = LumSubmitDataItem(line);
+      snprintf(report, sizeof report, "item %u: result %u", ++number, result);
+      hostLine("%s", report);
+    }
+    line = next;
+  }
+  return stopped;
 }
 
 int main(int argc, char** argv) {
@@ -174,21 +288,29 @@ int main(int argc, char** argv) {
   char* identity;
   char* config;
   char* device;
+  char* items = NULL;
   sigset_t signals;
   pthread_t thread;
   Follower follower;
   unsigned result;
+  long long deadlineMs = 0;
+  int stopped = 0;
 
   if (!parseOptions(argc, argv, &options)) {
     fprintf(stderr,
             "usage: lum-host --identity FILE --config FILE --device FILE [--test-mode] "
-            "[--factory-reset] [--log-through] [--run-seconds N]\n");
+            "[--factory-reset] [--log-through] [--run-seconds N] [--items FILE|-] "
+            "[--items-delay-ms N]\n");
     return 2;
   }
   identity = readWholeFile(options.identityFile);
   config = readWholeFile(options.configFile);
   device = readWholeFile(options.deviceFile);
-  if (identity == NULL || config == NULL || device == NULL) {
+  if (options.itemsFile != NULL) {
+    items = readWholeFile(options.itemsFile);
+  }
+  if (identity == NULL || config == NULL || device == NULL ||
+      (options.itemsFile != NULL && items == NULL)) {
     return 1;
   }
 
@@ -204,6 +326,9 @@ int main(int argc, char** argv) {
   follower.stopRequested = 0;
   follower.reachedZero = 0;
 
+  if (options.runSeconds > 0) {
+    deadlineMs = nowMs() + options.runSeconds * 1000LL;
+  }
   result = LumInit(identity, config, device);
   free(identity);
   free(config);
@@ -220,7 +345,13 @@ int main(int argc, char** argv) {
   }
   pthread_create(&thread, NULL, followStatus, &follower);
 
-  waitForStop(&signals, options.runSeconds);
+  if (items != NULL) {
+    stopped = submitItems(items, &options, &signals, deadlineMs);
+    free(items);
+  }
+  if (!stopped) {
+    waitForStop(&signals, deadlineMs);
+  }
   hostLine("host: %s", options.factoryReset ? "factory reset requested" : "stop requested");
   pthread_mutex_lock(&follower.mutex);
   follower.stopRequested = 1;
