@@ -68,8 +68,8 @@ class QueueManager {
   // The queue's fill in percent of the bound; a zero bound counts as full.
   uint32_t fillPercent() const;
 
-  // Built once: making a reader or writer per item would cost more than
-  // the rest of the admission path together.
+  // Built once for the queue's life: building a reader (with its settings
+  // object) or a writer per item would tax every submission.
   std::unique_ptr<LumJson::CharReader> reader_;
   LumJson::FastWriter writer_;
 
