@@ -108,6 +108,10 @@ void CollectorManager::terminateEnd() {
   // The collectors belong to this run of the agent (they point at its core
   // values); the next initialize builds new ones from a clean slate.
   LockMutex lock(&mutex_);
+  // The thread may have left without taking the last wake; a deadline in the
+  // past drops it, so the next run does not start with a spurious round.
+  const timespec past{0, 0};
+  sem_.wait(&past);
   running_.clear();
   collectors_.clear();
   oldAllowedIds_.clear();

@@ -49,7 +49,7 @@ CollectDeviceInfo::CollectDeviceInfo(Core::DeviceValues* device, Core::Persisten
     : Collector("Device Info", std::string(kEsnId) + "," + kMacId),
       device_(device),
       persistent_(persistent),
-      sem_(false, CoreMutex()) {}
+      sem_(new Core::BinarySem(false, CoreMutex())) {}
 
 CollectDeviceInfo::~CollectDeviceInfo() {
   // The manager always stops a collector before deleting it; should that
@@ -67,6 +67,7 @@ void CollectDeviceInfo::initialize(const std::set<std::string>& ids) {
   enableMac_ = ids.count(kMacId) != 0;
   terminating_ = false;
   waiting_ = false;
+  sem_.reset(new Core::BinarySem(false, CoreMutex()));
   // The persistent values keep their change mark for the whole run and, in
   // addition, wake the registered collector once per change. A change made
   // before this start is reported by the first pass (the mark); the wake
@@ -95,7 +96,7 @@ void CollectDeviceInfo::wake() {
   changeUnreported_ = true;
   // A thread that is not waiting finds the mark before it waits again.
   if (waiting_) {
-    sem_.giveLocked();
+    sem_->giveLocked();
   }
 }
 
@@ -103,7 +104,7 @@ void CollectDeviceInfo::terminateBegin() {
   LUM_TRACE(kDs);
   LockMutex lock(&CoreMutex());
   terminating_ = true;
-  sem_.giveLocked();
+  sem_->giveLocked();
 }
 
 void CollectDeviceInfo::terminateEnd() {
@@ -147,7 +148,7 @@ void CollectDeviceInfo::runDeviceInfoControl() {
     }
     waiting_ = true;
     LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl waiting");
-    sem_.takeLocked();
+    sem_->takeLocked();
     waiting_ = false;
   }
   mutex.unlock();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,8 +23,8 @@ namespace Ds {
 // and on the first start after a halt, since the back end may have missed
 // the values while they were not allowed.
 //
-// waiting_, terminating_, submit_, enableEsn_, enableMac_ and
-// changeUnreported_ are guarded by the core mutex (CoreManager::getMutex),
+// waiting_, terminating_, submit_, enableEsn_, enableMac_, changeUnreported_
+// and the sem_ pointer are guarded by the core mutex (CoreManager::getMutex),
 // which sem_ is bound to: the thread works under that mutex anyway, and the
 // persistent values wake the collector while they hold it. thread_ belongs to
 // whoever starts and stops the collector (CollectorControl, then the
@@ -62,7 +63,9 @@ class CollectDeviceInfo : public Collector {
   bool enableMac_ = false;
   // A change of the device description not yet reported by this start.
   bool changeUnreported_ = false;
-  Core::BinarySem sem_;
+  // Renewed by every start, so that a wake left over from the previous run
+  // of the thread does not cause a spurious pass.
+  std::unique_ptr<Core::BinarySem> sem_;
   Core::Thread thread_;
 };
 
