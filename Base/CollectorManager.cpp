@@ -63,7 +63,6 @@ void CollectorManager::initialize(const Core::ManagerContext& context) {
 }
 
 void CollectorManager::initializeCollectors(const Core::ManagerContext& context) {
-  collectors_.clear();
   collectors_.emplace_back(new CollectDeviceInfo(context.device, context.persistent));
 }
 
@@ -106,19 +105,22 @@ void CollectorManager::terminateEnd() {
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for CollectorControl to join");
   Core::ThreadUtil::Join(thread_);
   // The collectors belong to this run of the agent (they point at its core
-  // values); the next initialize builds new ones from a clean slate.
+  // values); the next initialize builds new ones from a clean slate. They
+  // are deleted after mutex_ is released, as a collector's teardown may take
+  // the core mutex, which comes first in the lock order.
+  std::vector<std::unique_ptr<Collector>> finished;
   LockMutex lock(&mutex_);
-  // The thread may have left without taking the last wake; a deadline in the
-  // past drops it, so the next run does not start with a spurious round.
-  const timespec past{0, 0};
-  sem_.wait(&past);
+  finished.swap(collectors_);
   running_.clear();
-  collectors_.clear();
   oldAllowedIds_.clear();
   newAllowedIds_.clear();
   pending_ = false;
   terminating_ = false;
   initialized_ = false;
+  // The thread may have left without taking the last wake; a deadline in the
+  // past drops it, so the next run does not start with a spurious round.
+  const timespec past{0, 0};
+  sem_.wait(&past);
 }
 
 void* CollectorManager::CollectorControl(void* arg) {
