@@ -67,7 +67,9 @@ CoreManager* CoreManager::Instance() {
   return &instance;
 }
 
-CoreManager::CoreManager() : statusSem_(true, mutex_) { logStatusInfo(); }
+CoreManager::CoreManager() : statusSem_(true, mutex_) {
+  logStatusInfo();
+}
 
 void CoreManager::registerManagers() {
   // Not in the constructor: the managers' own singletons reach back for the
@@ -98,8 +100,8 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
   config_.reset(new CoreConfig(config));
   identity_.reset(new ProductIdentity(identity));
   device_.reset(new DeviceValues(device, config_->getEnableSwVersionSimulation(),
-                                   config_->getInitialSimulatedSwVersion(),
-                                   config_->getPersistentPath()));
+                                 config_->getInitialSimulatedSwVersion(),
+                                 config_->getPersistentPath()));
   persistent_.reset(new PersistentValues(*identity_, *config_, *device_));
   volatile_.reset(new VolatileValues());
   delaySem_.reset(new TimedSem(mutex_));
@@ -291,20 +293,21 @@ void CoreManager::scheduleNextCall(MicroService call, bool holdBack) {
   v.evaluate = false;
   const timespec now = Clock::MonotonicNow();
   if (v.retry) {
-    updateTimestamp(v.lastCall, v.nextCall, p.getDaRetryDelayFixedMs(), p.getDaRetryDelayVariedMs());
+    updateTimestamp(v.lastCall, v.nextCall, p.getDaRetryDelayFixedMs(),
+                    p.getDaRetryDelayVariedMs());
   } else if (call != CheckForNotification && !holdBack) {
     v.nextCall = now;
   } else if (v.startupDelay && !holdBack) {
     timespec standard{};
     updateTimestamp(v.lastCall, standard, p.getDaPollDelayFixedMs(), p.getDaPollDelayVariedMs());
     if (IsBefore(now, standard)) {
-      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "Using standard delay on core startup");
+      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
+              "Using standard delay on core startup");
       v.nextCall = standard;
     } else {
       LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "Using startup delay on core startup");
       v.lastCall = now;
-      updateTimestamp(now, v.nextCall, p.getDaStartupDelayFixedMs(),
-                      p.getDaStartupDelayVariedMs());
+      updateTimestamp(now, v.nextCall, p.getDaStartupDelayFixedMs(), p.getDaStartupDelayVariedMs());
     }
   } else {
     updateTimestamp(v.lastCall, v.nextCall, p.getDaPollDelayFixedMs(), p.getDaPollDelayVariedMs());
@@ -332,14 +335,18 @@ void* CoreManager::StateControl(void* arg) {
   return nullptr;
 }
 
-bool CoreManager::stopping() { return state_ != Initialized; }
+bool CoreManager::stopping() {
+  return state_ != Initialized;
+}
 
 ControlCycle::Wait CoreManager::nextWait(timespec& deadline) {
   deadline = volatile_->nextCall;
   return Wait::Until;
 }
 
-std::string CoreManager::nextCallName() { return MicroServiceToString(volatile_->nextDws); }
+std::string CoreManager::nextCallName() {
+  return MicroServiceToString(volatile_->nextDws);
+}
 
 void CoreManager::prepMicroService(Http::Request& request) {
   const MicroService ms = volatile_->nextDws;
@@ -454,9 +461,12 @@ void CoreManager::readSynchronizeAnswer(const LumJson::Value& answer) {
     v.badSynchs = synchronized ? 0 : v.badSynchs + 1;
   }
   p.setSynchronized(synchronized);
-  const bool opidChanged = p.setOpidSeqNum(JsonUtil::ReadUnsigned(answer, "daOpidSeqNum", p.getOpidSeqNum()));
-  const bool gidChanged = p.setGidSeqNum(JsonUtil::ReadUnsigned(answer, "daGidSeqNum", p.getGidSeqNum()));
-  p.setDaSupportViewEnabled(JsonUtil::ReadBool(answer, "daSupportViewEnabled", p.getDaSupportViewEnabled()));
+  const bool opidChanged =
+      p.setOpidSeqNum(JsonUtil::ReadUnsigned(answer, "daOpidSeqNum", p.getOpidSeqNum()));
+  const bool gidChanged =
+      p.setGidSeqNum(JsonUtil::ReadUnsigned(answer, "daGidSeqNum", p.getGidSeqNum()));
+  p.setDaSupportViewEnabled(
+      JsonUtil::ReadBool(answer, "daSupportViewEnabled", p.getDaSupportViewEnabled()));
   if (opidChanged || gidChanged) {
     queueEvents(answer["daEvents"]);
   }
@@ -473,8 +483,7 @@ void CoreManager::queueEvents(const LumJson::Value& events) {
     }
     const LumJson::Value& id = entry["id"];
     const LumJson::Value& parameters = entry["parameters"];
-    EventManager::Instance()->queueEvent(entry["event"].asString(),
-                                         id.isUInt() ? id.asUInt() : 0u,
+    EventManager::Instance()->queueEvent(entry["event"].asString(), id.isUInt() ? id.asUInt() : 0u,
                                          parameters.isString() ? parameters.asString() : "");
   }
 }
@@ -568,8 +577,8 @@ unsigned CoreManager::supervisorLog(int severity, const std::string& text) {
       Logger::Instance().test(kCore, FP::CATEGORY_SUPERVISOR, severity)) {
     // The host's own lines: category "supervisor" keeps them apart from the
     // agent's, and the text is written as given, never as a format.
-    Logger::Instance().log(kLumSource, __LINE__, __func__, kCore,
-                           FP::CATEGORY_SUPERVISOR, severity, "%s", text.c_str());
+    Logger::Instance().log(kLumSource, __LINE__, __func__, kCore, FP::CATEGORY_SUPERVISOR, severity,
+                           "%s", text.c_str());
   }
   return LUM_RESULT_SUCCESS;
 }
@@ -699,8 +708,8 @@ void CoreManager::logStateDebug() {
   if (!Logger::Instance().test(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
     return;
   }
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "state                                : %s",
-          DeviceAgentStateToString(state_));
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
+          "state                                : %s", DeviceAgentStateToString(state_));
   if (identity_ != nullptr) identity_->logStateDebug();
   if (config_ != nullptr) config_->logStateDebug();
   if (device_ != nullptr) device_->logStateDebug();

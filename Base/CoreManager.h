@@ -26,12 +26,7 @@ class PersistentValues;
 class ProductIdentity;
 class VolatileValues;
 
-enum DeviceAgentState {
-  Uninitialized = 0,
-  Initialized = 1,
-  Terminating = 2,
-  FactoryResetting = 3
-};
+enum DeviceAgentState { Uninitialized = 0, Initialized = 1, Terminating = 2, FactoryResetting = 3 };
 
 // Owns the agent's lifecycle and its registration with the back end: it
 // builds the core value objects at start, keeps the device synchronised
@@ -57,7 +52,6 @@ class CoreManager : private ControlCycle {
   void retireGidToken();
   void evaluateStateChanges();
   void signalStatusChange();
-
 
   Mutex& getMutex() { return mutex_; }
   DeviceAgentState getDeviceAgentState() const { return state_; }

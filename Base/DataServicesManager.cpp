@@ -34,7 +34,9 @@ namespace {
 
 constexpr int kDs = FP::SERVICE_DS;
 
-CoreManager& TheCore() { return *CoreManager::Instance(); }
+CoreManager& TheCore() {
+  return *CoreManager::Instance();
+}
 
 // Whether the server answered at all: libcurl reports every transport
 // failure as status 400, so only a status line carrying the same code proves
@@ -198,8 +200,7 @@ DataServicesManager::UploadState DataServicesManager::chooseUploadState() const 
   return Idle;
 }
 
-void DataServicesManager::getDelay(UploadState state, unsigned& fixedMs,
-                                   unsigned& variedMs) const {
+void DataServicesManager::getDelay(UploadState state, unsigned& fixedMs, unsigned& variedMs) const {
   const Core::PersistentValues& p = *persistent_;
   switch (state) {
     case WaitRetry:
@@ -425,8 +426,7 @@ void DataServicesManager::storeQueueFile() {
     queue_->requeuePackage();
   }
   queue_->hashPackage();
-  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_,
-                        queue_->marshalPackage());
+  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_, queue_->marshalPackage());
 }
 
 // ---------------------------------------------------------------- logging

@@ -53,9 +53,9 @@ class QuietAgent {
     defaults.marshal(text);
     LumJson::Value document;
     JsonUtil::ParseStrict(text, document);
-    for (const char* name : {"daRetryDelayFixedMs", "daPollDelayFixedMs", "dsStandardDelayFixedMs",
-                             "dsAggressiveDelayFixedMs", "dsStartupDelayFixedMs",
-                             "dsRetryDelayFixedMs"}) {
+    for (const char* name :
+         {"daRetryDelayFixedMs", "daPollDelayFixedMs", "dsStandardDelayFixedMs",
+          "dsAggressiveDelayFixedMs", "dsStartupDelayFixedMs", "dsRetryDelayFixedMs"}) {
       document[name] = 3600000;
     }
     document["dsAllowedDataItemIds"].append("TvChannelTune");
@@ -89,9 +89,11 @@ QuietAgent& Agent() {
 // An item of about `size` bytes once stamped, as a television reports a
 // channel change.
 std::string ItemOfSize(size_t size) {
-  std::string item = R"({"id":"TvChannelTune","parameters":{"channel":"ARD HD","source":"dvb-t2","note":")";
+  std::string item =
+      R"({"id":"TvChannelTune","parameters":{"channel":"ARD HD","source":"dvb-t2","note":")";
   const std::string tail = "\"}}";
-  const size_t stamped = item.size() + tail.size() + sizeof(R"(,"dateTime":"2026-11-21T10:00:00.000Z")") - 1;
+  const size_t stamped =
+      item.size() + tail.size() + sizeof(R"(,"dateTime":"2026-11-21T10:00:00.000Z")") - 1;
   item.append(size > stamped ? size - stamped : 0, 'x');
   return item + tail;
 }

@@ -45,7 +45,9 @@ AgentHarness::~AgentHarness() {
   backend_->stop();
 }
 
-std::string AgentHarness::identityText() const { return device_.identityJson(true); }
+std::string AgentHarness::identityText() const {
+  return device_.identityJson(true);
+}
 
 std::string AgentHarness::configText(const LumJson::Value& coreExtra,
                                      const LumJson::Value& dataServices) const {

@@ -35,8 +35,8 @@ const std::vector<std::string> kAllowed = {"TvPower", "TvTune"};
 // services run on `standardMs`, with retries after `retryMs`.
 LumJson::Value Tunables(unsigned standardMs, unsigned retryMs = 300) {
   LumJson::Value tunables = LumTest::QuickTunables(60000, 300);
-  for (const char* name : {"dsStandardDelayFixedMs", "dsStartupDelayFixedMs",
-                           "dsAggressiveDelayFixedMs"}) {
+  for (const char* name :
+       {"dsStandardDelayFixedMs", "dsStartupDelayFixedMs", "dsAggressiveDelayFixedMs"}) {
     tunables[name] = standardMs;
   }
   tunables["dsRetryDelayFixedMs"] = retryMs;
@@ -65,8 +65,7 @@ std::string AllowedIdsOfStatus() {
 
 // Starts the agent against a back end that allows kAllowed and waits until
 // the agent has taken the ids over from its first synchronisation.
-void Start(AgentHarness& agent, const LumJson::Value& tunables,
-           unsigned maximumDataBytes = 65536) {
+void Start(AgentHarness& agent, const LumJson::Value& tunables, unsigned maximumDataBytes = 65536) {
   agent.backend().pushTunables(tunables);
   agent.backend().setAllowedDataItemIds(kAllowed);
   ASSERT_EQ(agent.init(LumJson::Value(), DsSection(maximumDataBytes)), LUM_RESULT_SUCCESS);
@@ -77,7 +76,9 @@ std::string Item(const char* id, const std::string& tag) {
   return std::string("{\"id\":\"") + id + "\",\"parameters\":{\"tag\":\"" + tag + "\"}}";
 }
 
-unsigned Submit(const std::string& item) { return LumSubmitDataItem(item.c_str()); }
+unsigned Submit(const std::string& item) {
+  return LumSubmitDataItem(item.c_str());
+}
 
 std::vector<std::string> TagsOf(const std::vector<std::string>& items) {
   std::vector<std::string> tags;
@@ -107,8 +108,9 @@ TEST(DataServices, AllowedItemsArriveInOnePackageInSubmissionOrderWithTheirCount
   EXPECT_EQ(Submit(Item("TvPower", "a")), LUM_RESULT_SUCCESS);
   EXPECT_EQ(Submit(Item("Unknown", "x")), LUM_RESULT_NOT_QUEUED);
   EXPECT_EQ(Submit("{\"id\":"), LUM_RESULT_NOT_QUEUED);
-  EXPECT_EQ(Submit("{\"id\":\"TvTune\",\"dateTime\":\"kept as given\",\"parameters\":{\"tag\":\"b\"}}"),
-            LUM_RESULT_SUCCESS);
+  EXPECT_EQ(
+      Submit("{\"id\":\"TvTune\",\"dateTime\":\"kept as given\",\"parameters\":{\"tag\":\"b\"}}"),
+      LUM_RESULT_SUCCESS);
   EXPECT_EQ(Submit(Item("TvPower", "c")), LUM_RESULT_SUCCESS);
   EXPECT_EQ(LumSubmitDataItem(nullptr), LUM_RESULT_BAD_ARGUMENT);
 
