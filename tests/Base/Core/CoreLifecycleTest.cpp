@@ -1,10 +1,11 @@
 // Start, restart, reset and stop of the agent through its C interface.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 
 #include "agent/AgentHarness.h"
@@ -23,19 +24,13 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 size_t ThreadCount() {
-  size_t count = 0;
-  if (DIR* dir = opendir("/proc/self/task")) {
-    while (dirent* entry = readdir(dir)) {
-      if (entry->d_name[0] != '.') {
-        ++count;
-      }
-    }
-    closedir(dir);
-  }
-  return count;
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
-TEST(CoreLifecycle, RestartKeepsTokenAndSequenceNumbersAndHonoursTheTimeFile) {
+// Restart keeps token, sequence numbers and poll timing; a factory reset
+// drops them, so the next start registers afresh.
+TEST(CoreLifecycle, RestartKeepsPersistedStateUntilAFactoryReset) {
   AgentHarness agent;
   agent.backend().pushTunables(QuickTunables(60000));
   agent.backend().queueEvent("noop", 1);
@@ -49,9 +44,6 @@ TEST(CoreLifecycle, RestartKeepsTokenAndSequenceNumbersAndHonoursTheTimeFile) {
   EXPECT_FALSE(token.empty());
   EXPECT_TRUE(core["synchronized"].asBool());
   EXPECT_GT(core["opidSeqNum"].asUInt() + core["gidSeqNum"].asUInt(), 0u);
-  LumJson::Value time;
-  ASSERT_TRUE(JsonUtil::ParseStrict(FileUtil::Load(agent.persistentPath(), "daTime"), time));
-  EXPECT_TRUE(time["sec"].isIntegral());
 
   agent.backend().clearRequests();
   ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
@@ -71,6 +63,14 @@ TEST(CoreLifecycle, RestartKeepsTokenAndSequenceNumbersAndHonoursTheTimeFile) {
   EXPECT_EQ(body["daOpidSeqNum"].asUInt(), core["opidSeqNum"].asUInt());
   EXPECT_EQ(body["daGidSeqNum"].asUInt(), core["gidSeqNum"].asUInt());
   EXPECT_TRUE(body["suCheckForSoftwareUpdate"].asBool());
+  ASSERT_TRUE(agent.stop(/*factoryReset=*/true));
+  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "core"), "");
+  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "daTime"), "");
+
+  agent.backend().clearRequests();
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
+  EXPECT_EQ(agent.calls().front(), "da/gidtoken");
   EXPECT_TRUE(agent.stop());
 }
 
@@ -89,65 +89,27 @@ class ShiftedClock : public Lum::Core::Clock {
 };
 
 TEST(CoreLifecycle, TimeFileInTheFutureOrLongPastChoosesTheStartupReference) {
-  struct Case {
-    const char* name;
-    time_t wallShift;  // how far the wall clock jumped between the runs
-    const char* expectedLine;
+  // How far the wall clock jumped between the runs, and the line it leads to.
+  const std::pair<time_t, const char*> cases[] = {
+      {-7200, "Problem reading daTime, lastCall is in the future. Defaulting to monotonic start"},
+      {3600, "Using startup delay on core startup"},
   };
-  const Case cases[] = {
-      {"clock jumped back", -7200,
-       "Problem reading daTime, lastCall is in the future. Defaulting to monotonic start as "
-       "reference."},
-      {"an hour passed", 3600, "Using startup delay on core startup"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [wallShift, expectedLine] : cases) {
+    SCOPED_TRACE(expectedLine);
     AgentHarness agent;
     agent.backend().pushTunables(QuickTunables(600000));
     ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
     ASSERT_TRUE(agent.waitForLog("SynchronizeCoreState processed (200)", seconds(10)));
     ASSERT_TRUE(agent.stop());
 
-    ShiftedClock shifted(c.wallShift);
+    ShiftedClock shifted(wallShift);
     Lum::Core::Clock::Set(&shifted);
     agent.backend().clearRequests();
     ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
-    EXPECT_TRUE(agent.waitForLog(c.expectedLine, seconds(5)));
+    EXPECT_TRUE(agent.waitForLog(expectedLine, seconds(5)));
     EXPECT_TRUE(agent.stop());
     Lum::Core::Clock::Set(nullptr);
   }
-}
-
-TEST(CoreLifecycle, FactoryResetDropsPersistedStateAndTheNextStartRegistersAfresh) {
-  AgentHarness agent;
-  agent.backend().pushTunables(QuickTunables(60000));
-  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
-  ASSERT_TRUE(agent.backend().waitForAnswers(2, seconds(10)));
-  ASSERT_TRUE(WaitFor([&] { return !FileUtil::Load(agent.persistentPath(), "core").empty(); }));
-  ASSERT_TRUE(agent.stop(/*factoryReset=*/true));
-  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "core"), "");
-  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "daTime"), "");
-
-  agent.backend().clearRequests();
-  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
-  ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
-  EXPECT_EQ(agent.calls().front(), "da/gidtoken");
-  EXPECT_TRUE(agent.stop());
-}
-
-TEST(CoreLifecycle, SecondInitIsRefusedAndStopReportsItsState) {
-  AgentHarness agent;
-  agent.seedPersistedValues(QuickTunables(60000));
-  EXPECT_EQ(LumTerm(), LUM_RESULT_NOT_INITIALIZED);
-  EXPECT_EQ(LumEnableTestMode(), LUM_RESULT_NOT_INITIALIZED);
-  EXPECT_EQ(LumCheckForSoftwareUpdate(), LUM_RESULT_NOT_INITIALIZED);
-  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
-  EXPECT_EQ(agent.init(), LUM_RESULT_REFUSED);
-  EXPECT_EQ(LumTerm(), LUM_RESULT_SUCCESS);
-  // Until the terminate thread is done the agent is shutting down.
-  const unsigned again = LumTerm();
-  EXPECT_TRUE(again == LUM_RESULT_TERMINATING || again == LUM_RESULT_NOT_INITIALIZED);
-  ASSERT_TRUE(agent.waitForState(LumDeviceAgentUninitialized, seconds(10)));
 }
 
 TEST(CoreLifecycle, StatusFollowerWakesOnEachChangeAndReturnsDuringShutdown) {
@@ -187,22 +149,23 @@ TEST(CoreLifecycle, StatusFollowerWakesOnEachChangeAndReturnsDuringShutdown) {
   EXPECT_TRUE(sawZeroAfterStart);
 }
 
-TEST(CoreLifecycle, StatusBeforeInitAndWhileRunning) {
+TEST(CoreLifecycle, CallsAndStatusBeforeInitWhileRunningAndWhileStopping) {
+  AgentHarness agent;
+  agent.seedPersistedValues(QuickTunables(60000));
+  EXPECT_EQ(LumTerm(), LUM_RESULT_NOT_INITIALIZED);
+  EXPECT_EQ(LumEnableTestMode(), LUM_RESULT_NOT_INITIALIZED);
+  EXPECT_EQ(LumCheckForSoftwareUpdate(), LUM_RESULT_NOT_INITIALIZED);
   LumStatus status;
   memset(&status, 0xAB, sizeof status);
   status.sdkVersion = nullptr;
   ASSERT_EQ(LumGetStatus(LumStatusMethodImmediate, &status), LUM_RESULT_SUCCESS);
   EXPECT_EQ(status.deviceAgentState, 0u);
-  EXPECT_EQ(status.sessionState, 6u);
-  EXPECT_EQ(status.updateSource, 1u);
   EXPECT_EQ(status.testMode, 0u);
   EXPECT_EQ(status.deviceId, nullptr);
-  EXPECT_EQ(status.updateHash, nullptr);
   EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
 
-  AgentHarness agent;
-  agent.seedPersistedValues(QuickTunables(60000));
   ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  EXPECT_EQ(agent.init(), LUM_RESULT_REFUSED);
   ASSERT_EQ(LumEnableTestMode(), LUM_RESULT_SUCCESS);
   ASSERT_EQ(LumGetStatus(LumStatusMethodImmediate, &status), LUM_RESULT_SUCCESS);
   EXPECT_EQ(status.deviceAgentState, 1u);
@@ -210,18 +173,19 @@ TEST(CoreLifecycle, StatusBeforeInitAndWhileRunning) {
   ASSERT_NE(status.deviceId, nullptr);
   EXPECT_STREQ(status.deviceId, "SN-0001");
   EXPECT_STREQ(status.certOpid, AgentHarness::kOpid.c_str());
-  EXPECT_STREQ(status.swVersion, "1.0.0");
-  EXPECT_EQ(status.sessionCode, nullptr);
   // Freeing empties exactly the text fields; the numbers stay as filled.
   status.updatePercentDownloaded = 42;
   EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
   EXPECT_EQ(status.sdkVersion, nullptr);
   EXPECT_EQ(status.deviceId, nullptr);
-  EXPECT_EQ(status.swVersion, nullptr);
   EXPECT_EQ(status.deviceAgentState, 1u);
   EXPECT_EQ(status.updatePercentDownloaded, 42u);
   EXPECT_EQ(LumFreeStatus(&status), LUM_RESULT_SUCCESS);
-  EXPECT_TRUE(agent.stop());
+  EXPECT_EQ(LumTerm(), LUM_RESULT_SUCCESS);
+  // Until the terminate thread is done the agent is shutting down.
+  const unsigned again = LumTerm();
+  EXPECT_TRUE(again == LUM_RESULT_TERMINATING || again == LUM_RESULT_NOT_INITIALIZED);
+  ASSERT_TRUE(agent.waitForState(LumDeviceAgentUninitialized, seconds(10)));
 }
 
 TEST(CoreLifecycle, BadArgumentsReturnFiveWithTheirLine) {
@@ -231,27 +195,22 @@ TEST(CoreLifecycle, BadArgumentsReturnFiveWithTheirLine) {
   const std::string identity = agent.identityText();
   LumStatus status{};
   status.deviceAgentState = 77;
-  struct Case {
-    const char* name;
-    unsigned result;
-    const char* line;
-  };
-  const Case cases[] = {
-      {"init", LumInit(identity.c_str(), nullptr, nullptr), "LumInit() called with bad config value"},
-      {"init identity", LumInit(nullptr, nullptr, nullptr),
-       "LumInit() called with bad identity value"},
-      {"status method", LumGetStatus(static_cast<LumStatusMethod>(2), &status),
+  // What each call answered, and the line it must have logged.
+  const std::pair<unsigned, const char*> cases[] = {
+      {LumInit(identity.c_str(), nullptr, nullptr), "LumInit() called with bad config value"},
+      {LumInit(nullptr, nullptr, nullptr), "LumInit() called with bad identity value"},
+      {LumGetStatus(static_cast<LumStatusMethod>(2), &status),
        "LumGetStatus() called with bad method value"},
-      {"status record", LumGetStatus(LumStatusMethodImmediate, nullptr),
+      {LumGetStatus(LumStatusMethodImmediate, nullptr),
        "LumGetStatus() called with bad status value"},
-      {"free", LumFreeStatus(nullptr), "LumFreeStatus() called with bad status value"},
-      {"log severity", LumLogMessage(6, "x"), "LumLogMessage() called with bad severity value"},
-      {"log format", LumLogMessage(0, nullptr), "LumLogMessage() called with bad format value"},
+      {LumFreeStatus(nullptr), "LumFreeStatus() called with bad status value"},
+      {LumLogMessage(6, "x"), "LumLogMessage() called with bad severity value"},
+      {LumLogMessage(0, nullptr), "LumLogMessage() called with bad format value"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.result, LUM_RESULT_BAD_ARGUMENT);
-    EXPECT_TRUE(agent.logContains(c.line));
+  for (const auto& [result, line] : cases) {
+    SCOPED_TRACE(line);
+    EXPECT_EQ(result, LUM_RESULT_BAD_ARGUMENT);
+    EXPECT_TRUE(agent.logContains(line));
   }
   EXPECT_EQ(status.deviceAgentState, 77u);
   // Only the first failing argument is reported.
@@ -267,18 +226,14 @@ TEST(CoreLifecycle, BadArgumentsReturnFiveWithTheirLine) {
 }
 
 TEST(CoreLifecycle, UnreachableOrHangingBackEndDoesNotHoldUpTermination) {
-  struct Case {
-    const char* name;
-    bool hang;
-  };
-  for (const Case& c : {Case{"hanging", true}, Case{"unreachable", false}}) {
-    SCOPED_TRACE(c.name);
+  for (const bool hang : {true, false}) {
+    SCOPED_TRACE(hang ? "hanging" : "unreachable");
     AgentHarness agent;
     LumJson::Value tunables = QuickTunables();
     tunables["daMessageTimeoutMs"] = 1500;
     tunables["daConnectTimeoutMs"] = 1500;
     agent.seedPersistedValues(tunables);
-    if (c.hang) {
+    if (hang) {
       Lum::Tools::Fault fault;
       fault.count = -1;
       fault.stallAfterHeaders = seconds(60);
@@ -287,7 +242,7 @@ TEST(CoreLifecycle, UnreachableOrHangingBackEndDoesNotHoldUpTermination) {
       agent.backend().stop();
     }
     ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
-    if (c.hang) {
+    if (hang) {
       ASSERT_TRUE(agent.backend().waitForRequests(1, seconds(10)));
     }
     const auto asked = std::chrono::steady_clock::now();
