@@ -107,7 +107,7 @@ TEST_F(LoggerTest, ConfigurationsThatLogNothing) {
   EXPECT_TRUE(logger().test(CORE, STATE, 4));
 }
 
-TEST_F(LoggerTest, SameNameReplacesEarlierAppenderWithoutLeakingIt) {
+TEST_F(LoggerTest, SameNameReplacesEarlierAppenderAndTerminateReleasesIt) {
   size_t descriptorsBefore = OpenDescriptorCount();
   initialize("[" + Element(path_, "short", "state", "trace") + "," +
              Element(path_, "short", "state", "error") + "]");
@@ -117,9 +117,12 @@ TEST_F(LoggerTest, SameNameReplacesEarlierAppenderWithoutLeakingIt) {
   EXPECT_TRUE(logger().test(CORE, STATE, 2));
   EXPECT_FALSE(logger().test(CORE, STATE, 3));
   LUM_LOG(CORE, STATE, 2, "once");
-  EXPECT_EQ(std::vector<std::string>{"core state      error   once"}, ReadLines(path_));
   logger().terminate();
   EXPECT_EQ(descriptorsBefore, OpenDescriptorCount());
+  EXPECT_TRUE(Appender::GetAllAppenders().empty());
+  EXPECT_FALSE(logger().test(CORE, STATE, 1));
+  logger().log("Platform/LoggerTest", 1, "f", CORE, STATE, 1, "after terminate");
+  EXPECT_EQ(std::vector<std::string>{"core state      error   once"}, ReadLines(path_));
 }
 
 TEST_F(LoggerTest, InitializeTruncatesLogFileAndASecondOneIsIgnored) {
@@ -159,16 +162,6 @@ TEST_F(LoggerTest, FunctionTraceLogsEnterAndReturnWhenFlowDebugIsOn) {
   EXPECT_EQ("core flow       debug   TestBody()           Function Enter", lines[0].substr(13));
   EXPECT_EQ("core flow       debug   TestBody()           inside", lines[1].substr(13));
   EXPECT_EQ("core flow       debug   TestBody()           Function Return", lines[2].substr(13));
-}
-
-TEST_F(LoggerTest, TerminateStopsLogging) {
-  initializeFile("trace");
-  LUM_LOG(CORE, STATE, 4, "before");
-  logger().terminate();
-  EXPECT_TRUE(Appender::GetAllAppenders().empty());
-  EXPECT_FALSE(logger().test(CORE, STATE, 1));
-  logger().log("Platform/LoggerTest", 1, "f", CORE, STATE, 1, "after");
-  EXPECT_EQ(std::vector<std::string>{"core state      info    before"}, ReadLines(path_));
 }
 
 TEST_F(LoggerTest, MessagesLongerThanFirstBufferAreWhole) {
