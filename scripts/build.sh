@@ -1,10 +1,33 @@
 #!/usr/bin/env bash
-# Configures and builds one flavour of the project into build/<flavour>.
-#   scripts/build.sh release|asan|tsan [extra cmake arguments]
+# Configures and builds one flavour of the project.
+#   scripts/build.sh <flavour> [<purpose>] [--build-dir DIR] [--configure-only]
+#                    [extra cmake arguments]
+#     flavour  release | asan (ASan + UBSan) | tsan; output in build/<flavour>
+#     purpose  tests (default): the library, the tools, the tests and, for
+#                               release, the benchmarks
+#              demo:            the library and the tools only
+# Every option the build depends on is stated on every run, never left to
+# whatever the build tree's cache holds from an earlier run: the demo and the
+# test suite share build/release, and either must work after the other, in
+# any order, any number of times.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 flavour=${1:-release}
 shift || true
+purpose=tests
+case "${1:-}" in
+  tests|demo) purpose=$1; shift ;;
+esac
+build_dir="$root/build/$flavour"
+configure_only=0
+extra=()
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --build-dir) build_dir=$2; shift 2 ;;
+    --configure-only) configure_only=1; shift ;;
+    *) extra+=("$1"); shift ;;
+  esac
+done
 
 case "$flavour" in
   release) sanitize="" ;;
@@ -13,6 +36,17 @@ case "$flavour" in
   *) echo "unknown flavour $flavour" >&2; exit 2 ;;
 esac
 
-cmake -S "$root" -B "$root/build/$flavour" -G Ninja \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUM_SANITIZE="$sanitize" "$@" >/dev/null
-cmake --build "$root/build/$flavour" -j "$(nproc)"
+tests=ON
+bench=OFF
+[ "$flavour" = release ] && bench=ON
+if [ "$purpose" = demo ]; then
+  tests=OFF
+  bench=OFF
+fi
+
+cmake -S "$root" -B "$build_dir" -G Ninja \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUM_SANITIZE="$sanitize" \
+  -DLUM_BUILD_TOOLS=ON -DLUM_BUILD_TESTS="$tests" -DLUM_BUILD_BENCH="$bench" \
+  ${extra[@]+"${extra[@]}"} >/dev/null
+[ "$configure_only" = 1 ] && exit 0
+cmake --build "$build_dir" -j "$(nproc)"

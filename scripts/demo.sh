@@ -10,7 +10,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-12}
 "$root/scripts/deps.sh"
-"$root/scripts/build.sh" release -DLUM_BUILD_TESTS=OFF -DLUM_BUILD_BENCH=OFF
+"$root/scripts/build.sh" release demo
 bin="$root/build/release"
 prefix="$root/build/install"
 cmake --install "$bin" --prefix "$prefix" >/dev/null

@@ -16,7 +16,7 @@ run_suite() {
   local flavour=$1
   shift
   echo "=== $flavour: build"
-  "$root/scripts/build.sh" "$flavour" -DLUM_BUILD_BENCH=$([ "$flavour" = release ] && echo ON || echo OFF)
+  "$root/scripts/build.sh" "$flavour" tests
   echo "=== $flavour: test"
   if ! ctest --test-dir "$root/build/$flavour" --output-on-failure -j "$jobs" "$@"; then
     failed+=("$flavour")
