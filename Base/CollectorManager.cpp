@@ -1,10 +1,12 @@
 #include "Base/CollectorManager.h"
 
+#include "Platform/ExceptionBarrier.h"
 #include "Platform/FilterProperties.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 #include "Platform/StringSetUtil.h"
 #include "Platform/ThreadUtil.h"
+#include "Platform/UnlockMutex.h"
 #include "Project/CollectDeviceInfo.h"
 
 LUM_SOURCE_FILE("Base/CollectorManager");
@@ -39,9 +41,10 @@ void LogDebugLine(const char* name, const std::string& value) {
 
 }  // namespace
 
+// Never destroyed: the host may exit while the collectors' threads run.
 CollectorManager* CollectorManager::Instance() {
-  static CollectorManager instance;
-  return &instance;
+  static CollectorManager* const instance = new CollectorManager();
+  return instance;
 }
 
 CollectorManager::CollectorManager() : sem_(mutex_) {}
@@ -117,10 +120,9 @@ void CollectorManager::terminateEnd() {
   pending_ = false;
   terminating_ = false;
   initialized_ = false;
-  // The thread may have left without taking the last wake; a deadline in the
-  // past drops it, so the next run does not start with a spurious round.
-  const timespec past{0, 0};
-  sem_.wait(&past);
+  // The thread may have left without taking the last wake; the next run must
+  // not start with a spurious round.
+  sem_.clear();
 }
 
 void* CollectorManager::CollectorControl(void* arg) {
@@ -131,29 +133,33 @@ void* CollectorManager::CollectorControl(void* arg) {
 void CollectorManager::runCollectorControl() {
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "CollectorControl started");
   bool firstRound = true;
-  mutex_.lock();
-  for (;;) {
-    while (!pending_ && !terminating_) {
-      LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "CollectorControl waiting");
-      sem_.wait(nullptr);
+  {
+    LockMutex lock(&mutex_);
+    for (;;) {
+      while (!pending_ && !terminating_) {
+        LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "CollectorControl waiting");
+        sem_.wait(nullptr);
+      }
+      // A change handed over before termination began is still carried out,
+      // so a collector it halts keeps the mark that makes its next start
+      // report.
+      if (!pending_) {
+        break;
+      }
+      LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "CollectorControl running");
+      const std::set<std::string> next = newAllowedIds_;
+      const std::set<std::string> previous = oldAllowedIds_;
+      oldAllowedIds_ = newAllowedIds_;
+      pending_ = false;
+      logStateDebugLocked();
+      Core::UnlockMutex unlocked(mutex_);
+      // A collector that fails to start or stop must not take the others'
+      // changes with it.
+      Core::ExceptionBarrier::Run("CollectorControl",
+                                  [&] { applyChange(previous, next, firstRound); });
+      firstRound = false;
     }
-    // A change handed over before termination began is still carried out, so
-    // a collector it halts keeps the mark that makes its next start report.
-    if (!pending_) {
-      break;
-    }
-    LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "CollectorControl running");
-    const std::set<std::string> next = newAllowedIds_;
-    const std::set<std::string> previous = oldAllowedIds_;
-    oldAllowedIds_ = newAllowedIds_;
-    pending_ = false;
-    logStateDebugLocked();
-    mutex_.unlock();
-    applyChange(previous, next, firstRound);
-    firstRound = false;
-    mutex_.lock();
   }
-  mutex_.unlock();
   // No collector thread may outlive terminateEnd, including one started by a
   // change carried out during termination.
   stopRunningCollectors();

@@ -45,6 +45,9 @@ class ControlLoop {
                   ControlCycle& cycle);
 
  private:
+  // One wait or one call; called and returning with the mutex held.
+  static void runOnce(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
+                      ControlCycle& cycle);
   static void logDelay(const char* name, int service, long long ms, ControlCycle& cycle);
 };
 

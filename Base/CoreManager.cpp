@@ -1,5 +1,6 @@
 #include "Base/CoreManager.h"
 
+#include <openssl/crypto.h>
 #include <sys/time.h>
 
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "Base/TimeFile.h"
 #include "Base/VolatileValues.h"
 #include "Platform/Clock.h"
+#include "Platform/ExceptionBarrier.h"
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
 #include "Platform/LockMutex.h"
@@ -62,9 +64,12 @@ void LogJson(const char* key, const LumJson::Value& value) {
 
 }  // namespace
 
+// Never destroyed, like every object the agent's threads can reach: the host
+// may exit while they run, and exit would otherwise destroy the manager under
+// them.
 CoreManager* CoreManager::Instance() {
-  static CoreManager instance;
-  return &instance;
+  static CoreManager* const instance = new CoreManager();
+  return instance;
 }
 
 CoreManager::CoreManager() : statusSem_(true, mutex_) {
@@ -83,15 +88,43 @@ void CoreManager::registerManagers() {
 
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
-  if (state_ == Initialized) {
-    return LUM_RESULT_REFUSED;
+  {
+    LockMutex lock(&mutex_);
+    reapTermination();
+    if (state_ == Initialized) {
+      return LUM_RESULT_REFUSED;
+    }
+    if (isTerminating()) {
+      return LUM_RESULT_TERMINATING;
+    }
+    state_ = Initialized;
+    abandoning_ = false;
+    timeFileLoaded_ = false;
+    transfersCancelled_.store(false);
+    if (ExceptionBarrier::Run("LumInit", [&] { startAgent(identity, config, device); })) {
+      return LUM_RESULT_SUCCESS;
+    }
+    // Nothing half-built may stay behind: whatever started is stopped the
+    // way a termination stops it, but nothing is stored, so the files stay
+    // as this start found them.
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Initialization failed, stopping what it started");
+    abandoning_ = true;
+    state_ = Terminating;
+    beginTermination();
   }
-  if (isTerminating()) {
-    return LUM_RESULT_TERMINATING;
-  }
-  state_ = Initialized;
+  // Outside the mutex: the threads started so far need it to leave.
+  runTermination(false);
+  return LUM_RESULT_REFUSED;
+}
+
+void CoreManager::startAgent(const char* identity, const char* config, const char* device) {
   registerManagers();
+  // OpenSSL frees its global state from an exit handler by default. The
+  // agent's threads keep running while the host exits and may be in the
+  // middle of a handshake then, so the first use of OpenSSL in this process,
+  // which is normally this one, asks it to leave its state alone.
+  OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   timeval seed{};
   gettimeofday(&seed, nullptr);
   const uint32_t micros = static_cast<uint32_t>(seed.tv_usec);
@@ -107,6 +140,7 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
   delaySem_.reset(new TimedSem(mutex_));
   volatile_->lastCall = Clock::MonotonicNow();
   loadTimeFile();
+  timeFileLoaded_ = true;
 
   Http::Initialize(!config_->getSkipSslCryptoInit(), !config_->getSkipCurlGlobalInit());
   ThreadUtil::Start(volatile_->stateControlThread, StateControl, this, "StateControl");
@@ -129,62 +163,119 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
   signalStatusChange();
   evaluateStateChanges();
   logStateInfo();
-  return LUM_RESULT_SUCCESS;
 }
 
 unsigned CoreManager::terminate(bool factoryReset) {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
-  if (state_ == Uninitialized) {
-    return LUM_RESULT_NOT_INITIALIZED;
+  {
+    LockMutex lock(&mutex_);
+    reapTermination();
+    if (state_ == Uninitialized) {
+      return LUM_RESULT_NOT_INITIALIZED;
+    }
+    if (isTerminating()) {
+      return LUM_RESULT_TERMINATING;
+    }
+    state_ = factoryReset ? FactoryResetting : Terminating;
+    signalStatusChange();
+    beginTermination();
+    evaluateStateChanges();
+    ThreadUtil::Start(terminateThread_, TerminateThread, this, "TerminateThread");
+    if (terminateThread_.started()) {
+      return LUM_RESULT_SUCCESS;
+    }
   }
-  if (isTerminating()) {
-    return LUM_RESULT_TERMINATING;
-  }
-  state_ = factoryReset ? FactoryResetting : Terminating;
-  signalStatusChange();
+  // No thread could be made for the shutdown; the host's thread does it.
+  runTermination(false);
+  return LUM_RESULT_SUCCESS;
+}
+
+void CoreManager::beginTermination() {
+  // Transfers in flight end now instead of at their time-outs, so that the
+  // shutdown never waits on the network.
+  transfersCancelled_.store(true);
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
-  delaySem_->reset();
+  if (delaySem_ != nullptr) {
+    delaySem_->reset();
+  }
   EventManager::Instance()->terminateBegin();
   for (Manager* manager : managers_) {
     manager->terminateBegin();
   }
-  evaluateStateChanges();
-  ThreadUtil::Start(volatile_->terminateThread, TerminateThread, this, "TerminateThread");
-  ThreadUtil::Detach(volatile_->terminateThread);
-  return LUM_RESULT_SUCCESS;
 }
 
 void* CoreManager::TerminateThread(void* arg) {
-  static_cast<CoreManager*>(arg)->runTermination();
+  static_cast<CoreManager*>(arg)->runTermination(true);
   return nullptr;
 }
 
-void CoreManager::runTermination() {
+// Every step is fenced off from the others: a manager that fails to stop must
+// not keep the agent from reaching state 0, or the host could never start it
+// again.
+void CoreManager::runTermination(bool onTerminateThread) {
   LUM_TRACE(kCore);
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
-  EventManager::Instance()->terminateEnd();
+  ExceptionBarrier::Run("TerminateThread", [] {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
+    EventManager::Instance()->terminateEnd();
+  });
   for (Manager* manager : managers_) {
-    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
-    manager->terminateEnd();
+    ExceptionBarrier::Run("TerminateThread", [manager] {
+      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
+      manager->terminateEnd();
+    });
   }
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for StateControl to join");
-  ThreadUtil::Join(volatile_->stateControlThread);
+  // Read under the mutex: a failed start may not have built the values.
+  Thread* stateControl = nullptr;
+  {
+    LockMutex lock(&mutex_);
+    stateControl = volatile_ != nullptr ? &volatile_->stateControlThread : nullptr;
+  }
+  if (stateControl != nullptr) {
+    ThreadUtil::Join(*stateControl);
+  }
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Performing Core cleanup");
 
   LockMutex lock(&mutex_);
+  ExceptionBarrier::Run("TerminateThread", [this] { storeOrDropCoreFiles(); });
+  ExceptionBarrier::Run("TerminateThread", [] {
+    Http::Terminate();
+    RandomUtil::Cleanup();
+  });
+  ExceptionBarrier::Run("TerminateThread", [this] { releaseCoreValues(); });
+  if (onTerminateThread) {
+    // State 0 tells the host that it may unload the library, so it is
+    // reported only once this thread has been joined (reapTermination):
+    // until then it still runs the library's code.
+    terminationDone_ = true;
+  } else {
+    state_ = Uninitialized;
+  }
+  signalStatusChange();
+}
+
+void CoreManager::storeOrDropCoreFiles() {
+  if (config_ == nullptr) {
+    return;
+  }
   const std::string path = config_->getPersistentPath();
   if (state_ == FactoryResetting) {
-    persistent_->drop(path);
+    if (persistent_ != nullptr) {
+      persistent_->drop(path);
+    }
     FileUtil::Drop(path, timeFileName_);
-  } else {
+  } else if (storesOnStop() && timeFileLoaded_) {
     storeTimeFile();
   }
-  Http::Terminate();
-  RandomUtil::Cleanup();
-  releaseCoreValues();
+}
+
+void CoreManager::reapTermination() {
+  if (!terminationDone_) {
+    return;
+  }
+  ThreadUtil::Join(terminateThread_);
+  terminationDone_ = false;
   state_ = Uninitialized;
-  signalStatusChange();
 }
 
 void CoreManager::releaseCoreValues() {
@@ -207,6 +298,11 @@ void CoreManager::loadTimeFile() {
   const TimeFile::Result result = TimeFile::Load(config_->getPersistentPath(), timeFileName_,
                                                  stored, volatile_->lastCall, complete);
   if (result == TimeFile::Absent) {
+    return;
+  }
+  if (result == TimeFile::Invalid) {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_WARNING, TimeFile::kIgnoredLine,
+            timeFileName_.c_str());
     return;
   }
   LogJson("coreTimeLoad", stored);
@@ -434,7 +530,12 @@ void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
   PersistentValues& p = *persistent_;
   switch (ms) {
     case GetDeviceIdentity:
-      p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()));
+      if (p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()))) {
+        // Refusals counted against the old token say nothing about the new
+        // one; kept, they would hold its first synchronisation back, and the
+        // held-back call would be another registration, for ever.
+        volatile_->badSynchs = 0;
+      }
       break;
     case CheckForNotification:
       if (!JsonUtil::ReadBool(answer, "daStateSynchronized", true)) {
@@ -527,8 +628,12 @@ void CoreManager::setRequestIdentity(Http::Request& request) {
 unsigned CoreManager::enableTestMode() {
   LUM_TRACE(kCore);
   LockMutex lock(&mutex_);
+  reapTermination();
   if (state_ == Uninitialized) {
     return LUM_RESULT_NOT_INITIALIZED;
+  }
+  if (isTerminating()) {
+    return LUM_RESULT_TERMINATING;
   }
   if (persistent_->setTestMode(true)) {
     signalStatusChange();
@@ -543,8 +648,12 @@ unsigned CoreManager::enableTestMode() {
 unsigned CoreManager::checkForSoftwareUpdate() {
   LUM_TRACE(kCore);
   LockMutex lock(&mutex_);
+  reapTermination();
   if (state_ == Uninitialized) {
     return LUM_RESULT_NOT_INITIALIZED;
+  }
+  if (isTerminating()) {
+    return LUM_RESULT_TERMINATING;
   }
   if (persistent_->setSuCheckForSoftwareUpdate(true) && volatile_->busy) {
     volatile_->pending = true;
@@ -560,6 +669,7 @@ void CoreManager::setNotSynchronized() {
 }
 
 void CoreManager::retireGidToken() {
+  volatile_->badSynchs = 0;
   persistent_->setGidToken("");
   persistent_->setOpidSeqNum(0);
   persistent_->setGidSeqNum(0);
@@ -569,6 +679,7 @@ void CoreManager::retireGidToken() {
 unsigned CoreManager::supervisorLog(int severity, const std::string& text) {
   {
     LockMutex lock(&mutex_);
+    reapTermination();
     if (state_ != Initialized) {
       return LUM_RESULT_NOT_INITIALIZED;
     }
@@ -596,6 +707,7 @@ unsigned CoreManager::getStatus(LumStatusMethod method, LumStatus* status) {
   if (method == LumStatusMethodOnChange) {
     statusSem_.takeLocked();
   }
+  reapTermination();
   fillStatus(status);
   return LUM_RESULT_SUCCESS;
 }

@@ -2,6 +2,7 @@
 
 #include <lum.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,6 +56,13 @@ class CoreManager : private ControlCycle {
 
   Mutex& getMutex() { return mutex_; }
   DeviceAgentState getDeviceAgentState() const { return state_; }
+  // Whether the managers store their files as they stop: only on a plain
+  // termination, not on a factory reset and not when a failed start is
+  // undone (the files must stay as that start found them).
+  bool storesOnStop() const { return state_ == Terminating && !abandoning_; }
+  // Set from the moment the agent starts to stop; every transfer of the
+  // agent's threads ends when it is set.
+  const std::atomic<bool>& transfersCancelled() const { return transfersCancelled_; }
   ProductIdentity* getCoreIdentityPtr() { return identity_.get(); }
   CoreConfig* getCoreConfigPtr() { return config_.get(); }
   DeviceValues* getCoreDevicePtr() { return device_.get(); }
@@ -89,7 +97,19 @@ class CoreManager : private ControlCycle {
 
   static void* StateControl(void* arg);
   static void* TerminateThread(void* arg);
-  void runTermination();
+  // Builds the core values and starts every manager; may throw, and then
+  // initialize undoes what it did.
+  void startAgent(const char* identity, const char* config, const char* device);
+  // Wakes every thread and tells every manager to stop; with the mutex held.
+  void beginTermination();
+  // Joins the managers' threads and releases the core values; without the
+  // mutex. On the terminate thread it leaves the final step to
+  // reapTermination.
+  void runTermination(bool onTerminateThread);
+  void storeOrDropCoreFiles();
+  // Once the terminate thread has finished, joins it and reports state 0.
+  // Called with the mutex held by every host call that reads the state.
+  void reapTermination();
 
   // The call to run next; `holdBack` when it must wait a poll delay even
   // though it is not a poll.
@@ -117,6 +137,16 @@ class CoreManager : private ControlCycle {
   std::unique_ptr<VolatileValues> volatile_;
   std::unique_ptr<TimedSem> delaySem_;
   BinarySem statusSem_;
+  // Joinable, unlike the other threads it outlives the core values; joined
+  // by reapTermination once terminationDone_ is set.
+  Thread terminateThread_;
+  bool terminationDone_ = false;
+  // A failed start is being undone.
+  bool abandoning_ = false;
+  // "daTime" was read at start, so storing it at the end loses nothing.
+  bool timeFileLoaded_ = false;
+  // Read by the HTTP transfers of every manager's thread without the mutex.
+  std::atomic<bool> transfersCancelled_{false};
   // The managers started after the event manager, in start order; the core
   // starts, cascades to and stops them.
   std::vector<Manager*> managers_;

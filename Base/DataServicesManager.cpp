@@ -2,8 +2,6 @@
 
 #include <lum.h>
 
-#include <cstdlib>
-
 #include "Base/CollectorManager.h"
 #include "Base/CoreConfig.h"
 #include "Base/CoreManager.h"
@@ -38,28 +36,12 @@ CoreManager& TheCore() {
   return *CoreManager::Instance();
 }
 
-// Whether the server answered at all: libcurl reports every transport
-// failure as status 400, so only a status line carrying the same code proves
-// that the server itself refused the package.
-bool AnswerReceived(const Core::Http::Response& response) {
-  for (const std::string& line : response.headers) {
-    if (line.compare(0, 5, "HTTP/") != 0) {
-      continue;
-    }
-    const size_t space = line.find(' ');
-    if (space != std::string::npos &&
-        std::strtol(line.c_str() + space + 1, nullptr, 10) == response.statusCode) {
-      return true;
-    }
-  }
-  return false;
-}
-
 }  // namespace
 
+// Never destroyed: the host may exit while UploadControl runs.
 DataServicesManager* DataServicesManager::Instance() {
-  static DataServicesManager instance;
-  return &instance;
+  static DataServicesManager* const instance = new DataServicesManager();
+  return instance;
 }
 
 DataServicesManager::DataServicesManager() : sem_(TheCore().getMutex()) {}
@@ -102,11 +84,17 @@ void DataServicesManager::initialize(const Core::ManagerContext& context) {
   uploadWaiting_ = false;
   uploadRetry_ = false;
   deadlineSet_ = false;
+  filesLoaded_ = false;
+  storedQueueLive_ = false;
+  // A wake given by the previous run's terminateBegin while its thread was in
+  // a transfer was never taken; it must not cut this run's first wait short.
+  sem_.clear();
   lastUpload_ = Core::Clock::MonotonicNow();
   loadTimeFile();
   // The ids go in before the stored queue, which is admitted against them.
   queue_->setAllowedDataItemIds(persistent_->getDsAllowedDataItemIds());
   loadQueueFile();
+  filesLoaded_ = true;
   CollectorManager::Instance()->initialize(context);
   CollectorManager::Instance()->cascadeStateChanges(persistent_->getDsAllowedDataItemIds());
   uploadStartupDelay_ = true;
@@ -126,9 +114,13 @@ void DataServicesManager::terminateEnd() {
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for UploadControl to join");
   Core::ThreadUtil::Join(thread_);
   LockMutex lock(&TheCore().getMutex());
-  if (TheCore().getDeviceAgentState() == Core::Terminating) {
+  if (TheCore().storesOnStop() && filesLoaded_) {
     storeQueueFile();
     storeTimeFile();
+  } else if (TheCore().getDeviceAgentState() == Core::FactoryResetting && coreConfig_ != nullptr) {
+    // Nothing of this device's past may survive a factory reset.
+    Core::FileUtil::Drop(coreConfig_->getPersistentPath(), queueFileName_);
+    Core::FileUtil::Drop(coreConfig_->getPersistentPath(), timeFileName_);
   }
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Performing Data Services cleanup");
   queue_.reset();
@@ -337,7 +329,7 @@ void DataServicesManager::postMicroService(Core::Http::Response& response) {
     if (ms == GetUploadToken) {
       getResponseBody(response.body);
     } else {
-      queue_->releasePackage();
+      releasePackage();
     }
   } else {
     handleFailure(ms, response);
@@ -357,10 +349,21 @@ void DataServicesManager::handleFailure(MicroService ms, const Core::Http::Respo
   uploadRetry_ = true;
   // A refused package is lost for good only when the server itself said so
   // and did not ask to come back later; everything else is tried again.
-  if (ms == UploadDataPackage && status != 503 && AnswerReceived(response)) {
-    queue_->releasePackage();
+  if (ms == UploadDataPackage && status != 503 && response.answered) {
+    releasePackage();
   } else {
     queue_->requeuePackage();
+  }
+}
+
+// The first package after a start holds every item read from "data", so
+// once it has left the agent (delivered, or refused for good) the stored copy
+// would only bring those items back after a crash.
+void DataServicesManager::releasePackage() {
+  queue_->releasePackage();
+  if (storedQueueLive_) {
+    storedQueueLive_ = false;
+    Core::FileUtil::Drop(coreConfig_->getPersistentPath(), queueFileName_);
   }
 }
 
@@ -381,7 +384,10 @@ void DataServicesManager::loadTimeFile() {
   timespec last{};
   const TimeFile::Result result =
       TimeFile::Load(coreConfig_->getPersistentPath(), timeFileName_, stored, last, complete);
-  if (result == TimeFile::InFuture) {
+  if (result == TimeFile::Invalid) {
+    LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_WARNING, TimeFile::kIgnoredLine,
+            timeFileName_.c_str());
+  } else if (result == TimeFile::InFuture) {
     LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
             "Problem reading %s, last upload is in the future. Defaulting to monotonic start as "
             "reference.",
@@ -407,16 +413,22 @@ void DataServicesManager::storeTimeFile() {
   TimeFile::Store(coreConfig_->getPersistentPath(), timeFileName_, wall, stored);
 }
 
+// The file stays until a newer queue replaces it or its items have left the
+// agent: deleting it as soon as it is read would lose every item should the
+// store at the next stop fail (a full or read-only disk). A crash in between
+// may upload some items twice; the back end sees each item at least once.
 void DataServicesManager::loadQueueFile() {
   const std::string& path = coreConfig_->getPersistentPath();
   const std::string text = Core::FileUtil::Load(path, queueFileName_);
   if (text.empty()) {
     return;
   }
-  queue_->unmarshalPackage(text);
-  // Taken over: a crash before the next clean stop must not upload the same
-  // items twice.
-  Core::FileUtil::Drop(path, queueFileName_);
+  if (!queue_->unmarshalPackage(text)) {
+    LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Ignoring %s%s, it does not hold a stored queue", path.c_str(), queueFileName_.c_str());
+    return;
+  }
+  storedQueueLive_ = queue_->isDataQueued();
 }
 
 void DataServicesManager::storeQueueFile() {

@@ -72,6 +72,7 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   std::string buildTokenRequestBody();
   void getResponseBody(const std::string& body);
   void handleFailure(MicroService ms, const Core::Http::Response& response);
+  void releasePackage();
   void installAllowedIds();
   void loadTimeFile();
   void storeTimeFile();
@@ -94,6 +95,11 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   bool uploadWaiting_ = false;
   bool uploadRetry_ = false;
   bool uploadStartupDelay_ = false;
+  // "dsTime" and "data" were read at start, so storing them at the end loses
+  // nothing; a start that failed before that leaves them as they are.
+  bool filesLoaded_ = false;
+  // The stored "data" still holds items that have not left the agent.
+  bool storedQueueLive_ = false;
   timespec lastUpload_{};  // monotonic
   // The end of the current wait, computed once per wait state so that a
   // random jitter is drawn once and a time-out leads straight to the call.

@@ -7,12 +7,16 @@ LUM_SOURCE_FILE("Base/EntryGuard");
 namespace Lum {
 namespace Core {
 
-void EntryGuard::Report(const char* what) noexcept {
+thread_local int EntryGuard::depth_ = 0;
+
+void EntryGuard::ReportReentry(const char* entry) noexcept {
   try {
-    LUM_LOG(FilterProperties::SERVICE_CORE, FilterProperties::CATEGORY_CLIBAPI,
-            FilterProperties::SEVERITY_ERROR, "Exception contained at the C boundary: %s", what);
+    LUM_LOG_AS(entry, FilterProperties::SERVICE_CORE, FilterProperties::CATEGORY_CLIBAPI,
+               FilterProperties::SEVERITY_ERROR,
+               "%s() called from inside a call into the library (a platform callback), refused",
+               entry);
   } catch (...) {
-    // Logging itself failed; the result code still tells the host.
+    // The result code still tells the host.
   }
 }
 

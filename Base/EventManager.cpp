@@ -2,10 +2,12 @@
 
 #include "Base/CoreManager.h"
 #include "Base/PersistentValues.h"
+#include "Platform/ExceptionBarrier.h"
 #include "Platform/JsonUtil.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 #include "Platform/ThreadUtil.h"
+#include "Platform/UnlockMutex.h"
 
 LUM_SOURCE_FILE("Base/EventManager");
 
@@ -18,9 +20,10 @@ namespace {
 constexpr int kCore = FP::SERVICE_CORE;
 }  // namespace
 
+// Never destroyed: the host may exit while EventControl runs.
 EventManager* EventManager::Instance() {
-  static EventManager instance;
-  return &instance;
+  static EventManager* const instance = new EventManager();
+  return instance;
 }
 
 EventManager::EventManager() : sem_(false, CoreManager::Instance()->getMutex()) {}
@@ -33,7 +36,9 @@ void EventManager::initialize(const ManagerContext& context) {
   ThreadUtil::Start(thread_, EventControl, this, "EventControl");
 }
 
-void EventManager::setSessionStarter(Handler handler) { sessionStarter_ = std::move(handler); }
+void EventManager::setSessionStarter(Handler handler) {
+  sessionStarter_ = std::move(handler);
+}
 
 void EventManager::setUpdateSourceSetter(Handler handler) {
   updateSourceSetter_ = std::move(handler);
@@ -82,7 +87,7 @@ void* EventManager::EventControl(void* arg) {
 void EventManager::runEvents() {
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "EventControl started");
   Mutex& mutex = CoreManager::Instance()->getMutex();
-  mutex.lock();
+  LockMutex lock(&mutex);
   for (;;) {
     while (queue_.empty() && !terminating_) {
       sem_.takeLocked();
@@ -96,17 +101,17 @@ void EventManager::runEvents() {
     const Handler sessionStarter = sessionStarter_;
     const Handler updateSetter = updateSourceSetter_;
     const std::string consentUrl = persistent_ != nullptr ? persistent_->getDaConsentUrl() : "";
-    mutex.unlock();
-    perform(event, sessionStarter, updateSetter, consentUrl);
-    mutex.lock();
+    UnlockMutex unlocked(mutex);
+    // One failing action must not end the thread and with it every later
+    // event.
+    ExceptionBarrier::Run("EventControl",
+                          [&] { perform(event, sessionStarter, updateSetter, consentUrl); });
   }
   for (const Event& event : queue_) {
-    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO,
-            "Aborting event=%s, id=%u, parameters=%s", event.event.c_str(), event.id,
-            event.parameters.c_str());
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Aborting event=%s, id=%u, parameters=%s",
+            event.event.c_str(), event.id, event.parameters.c_str());
   }
   queue_.clear();
-  mutex.unlock();
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "EventControl terminated");
 }
 

@@ -31,9 +31,10 @@ unsigned ReadUnsigned(const LumJson::Value& object, const char* key, unsigned fa
 
 }  // namespace
 
+// Never destroyed: the agent's threads consult it while the host may exit.
 Injector& Injector::Instance() {
-  static Injector instance;
-  return instance;
+  static Injector* const instance = new Injector();
+  return *instance;
 }
 
 void Injector::initialize(const LumJson::Value& injectors) {

@@ -23,68 +23,73 @@ constexpr int kCore = FP::SERVICE_CORE;
 constexpr unsigned kMaxHostSeverity = 5;
 }  // namespace
 
-#define LUM_BAD_ARGUMENT(function, argument)                                        \
-  do {                                                                              \
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_WARNING,                      \
-            function "() called with bad " argument " value");                      \
-    return LUM_RESULT_BAD_ARGUMENT;                                                 \
+// Each entry runs its body through EntryGuard, which hands it the entry's
+// own name for its log lines.
+#define LUM_BAD_ARGUMENT(entry, argument)                                \
+  do {                                                                   \
+    LUM_LOG_AS(entry, kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_WARNING, \
+               "%s() called with bad %s value", entry, argument);        \
+    return LUM_RESULT_BAD_ARGUMENT;                                      \
   } while (0)
+
+#define LUM_CALLED(entry, severity) \
+  LUM_LOG_AS(entry, kCore, FP::CATEGORY_CLIBAPI, severity, "%s() called", entry)
 
 extern "C" {
 
 LUM_API unsigned int LumInit(const char* identity, const char* config, const char* device) {
-  return EntryGuard::Run([&]() -> unsigned {
-    LUM_TRACE(kCore);
-    if (identity == nullptr) LUM_BAD_ARGUMENT("LumInit", "identity");
-    if (config == nullptr) LUM_BAD_ARGUMENT("LumInit", "config");
-    if (device == nullptr) LUM_BAD_ARGUMENT("LumInit", "device");
+  return EntryGuard::Run(__func__, [&](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    if (identity == nullptr) LUM_BAD_ARGUMENT(entry, "identity");
+    if (config == nullptr) LUM_BAD_ARGUMENT(entry, "config");
+    if (device == nullptr) LUM_BAD_ARGUMENT(entry, "device");
     const unsigned result = CoreManager::Instance()->initialize(identity, config, device);
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_INFO, "LumInit() called");
+    LUM_CALLED(entry, FP::SEVERITY_INFO);
     return result;
   });
 }
 
 LUM_API unsigned int LumTerm(void) {
-  return EntryGuard::Run([]() -> unsigned {
-    LUM_TRACE(kCore);
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_INFO, "LumTerm() called");
+  return EntryGuard::Run(__func__, [](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    LUM_CALLED(entry, FP::SEVERITY_INFO);
     return CoreManager::Instance()->terminate(false);
   });
 }
 
 LUM_API unsigned int LumFactoryReset(void) {
-  return EntryGuard::Run([]() -> unsigned {
-    LUM_TRACE(kCore);
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_INFO, "LumFactoryReset() called");
+  return EntryGuard::Run(__func__, [](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    LUM_CALLED(entry, FP::SEVERITY_INFO);
     return CoreManager::Instance()->terminate(true);
   });
 }
 
 LUM_API unsigned int LumEnableTestMode(void) {
-  return EntryGuard::Run([]() -> unsigned {
-    LUM_TRACE(kCore);
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_INFO, "LumEnableTestMode() called");
+  return EntryGuard::Run(__func__, [](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    LUM_CALLED(entry, FP::SEVERITY_INFO);
     return CoreManager::Instance()->enableTestMode();
   });
 }
 
 LUM_API unsigned int LumGetStatus(LumStatusMethod method, LumStatus* status) {
-  return EntryGuard::Run([&]() -> unsigned {
-    LUM_TRACE(kCore);
+  return EntryGuard::Run(__func__, [&](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
     if (static_cast<unsigned>(method) > LumStatusMethodOnChange) {
-      LUM_BAD_ARGUMENT("LumGetStatus", "method");
+      LUM_BAD_ARGUMENT(entry, "method");
     }
-    if (status == nullptr) LUM_BAD_ARGUMENT("LumGetStatus", "status");
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_DEBUG, "LumGetStatus() called");
+    if (status == nullptr) LUM_BAD_ARGUMENT(entry, "status");
+    LUM_CALLED(entry, FP::SEVERITY_DEBUG);
     return CoreManager::Instance()->getStatus(method, status);
   });
 }
 
 LUM_API unsigned int LumFreeStatus(LumStatus* status) {
-  return EntryGuard::Run([&]() -> unsigned {
-    LUM_TRACE(kCore);
-    if (status == nullptr) LUM_BAD_ARGUMENT("LumFreeStatus", "status");
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_DEBUG, "LumFreeStatus() called");
+  return EntryGuard::Run(__func__, [&](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    if (status == nullptr) LUM_BAD_ARGUMENT(entry, "status");
+    LUM_CALLED(entry, FP::SEVERITY_DEBUG);
     return CoreManager::Instance()->freeStatus(status);
   });
 }
@@ -92,11 +97,11 @@ LUM_API unsigned int LumFreeStatus(LumStatus* status) {
 LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  const unsigned result = EntryGuard::Run([&]() -> unsigned {
-    LUM_TRACE(kCore);
-    if (severity > kMaxHostSeverity) LUM_BAD_ARGUMENT("LumLogMessage", "severity");
-    if (format == nullptr) LUM_BAD_ARGUMENT("LumLogMessage", "format");
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_TRACE, "LumLogMessage() called");
+  const unsigned result = EntryGuard::Run(__func__, [&](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    if (severity > kMaxHostSeverity) LUM_BAD_ARGUMENT(entry, "severity");
+    if (format == nullptr) LUM_BAD_ARGUMENT(entry, "format");
+    LUM_CALLED(entry, FP::SEVERITY_TRACE);
     // The host counts 0 (trace) up to 5 (fatal), the reverse of the logger.
     const int internalSeverity = FP::SEVERITY_TRACE - static_cast<int>(severity);
     return CoreManager::Instance()->supervisorLog(internalSeverity,
@@ -107,9 +112,9 @@ LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ..
 }
 
 LUM_API unsigned int LumCheckForSoftwareUpdate(void) {
-  return EntryGuard::Run([]() -> unsigned {
-    LUM_TRACE(kCore);
-    LUM_LOG(kCore, FP::CATEGORY_CLIBAPI, FP::SEVERITY_INFO, "LumCheckForSoftwareUpdate() called");
+  return EntryGuard::Run(__func__, [](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, kCore);
+    LUM_CALLED(entry, FP::SEVERITY_INFO);
     return CoreManager::Instance()->checkForSoftwareUpdate();
   });
 }

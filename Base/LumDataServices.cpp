@@ -13,14 +13,15 @@ using FP = Lum::Core::FilterProperties;
 extern "C" {
 
 LUM_API unsigned int LumSubmitDataItem(const char* item) {
-  return Lum::Core::EntryGuard::Run([item]() -> unsigned {
-    LUM_TRACE(FP::SERVICE_DS);
+  return Lum::Core::EntryGuard::Run(__func__, [item](const char* entry) -> unsigned {
+    LUM_TRACE_AS(entry, FP::SERVICE_DS);
     if (item == nullptr) {
-      LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_WARNING,
-              "LumSubmitDataItem() called with bad item value");
+      LUM_LOG_AS(entry, FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_WARNING,
+                 "%s() called with bad item value", entry);
       return LUM_RESULT_BAD_ARGUMENT;
     }
-    LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_DEBUG, "LumSubmitDataItem() called");
+    LUM_LOG_AS(entry, FP::SERVICE_DS, FP::CATEGORY_CLIBAPI, FP::SEVERITY_DEBUG, "%s() called",
+               entry);
     return Lum::Ds::DataServicesManager::Instance()->submitDataItem(item);
   });
 }

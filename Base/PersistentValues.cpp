@@ -1,6 +1,7 @@
 #include "Base/PersistentValues.h"
 
 #include <array>
+#include <cstring>
 
 #include "Base/CoreConfig.h"
 #include "Base/DeviceValues.h"
@@ -85,8 +86,10 @@ void LogDebugLine(const std::string& name, const std::string& value) {
 
 }  // namespace
 
+// Never destroyed: StateControl may be storing the values while the host
+// exits.
 const std::vector<PersistentValues::Field>& PersistentValues::Fields() {
-  static const std::vector<Field> fields = {
+  static const std::vector<Field>* const fields = new std::vector<Field>{
       {"gidToken", &PersistentValues::gidToken_},
       {"synchronized", &PersistentValues::synchronized_},
       {"testMode", &PersistentValues::testMode_},
@@ -156,7 +159,7 @@ const std::vector<PersistentValues::Field>& PersistentValues::Fields() {
       {"dsGracenoteTag", &PersistentValues::dsGracenoteTag_},
       {"dsGracenoteLicense", &PersistentValues::dsGracenoteLicense_},
   };
-  return fields;
+  return *fields;
 }
 
 const char* PersistentValues::BuiltInSdkVersion() {
@@ -270,11 +273,11 @@ bool PersistentValues::readBackEndTunables(const LumJson::Value& answer) {
   }
   // The identity and sequence numbers come first in the table; the state
   // answer reports those under their own names and the core reads them.
-  static const std::string kFirstTunable = "dsAggressiveQueuePercentage";
+  static constexpr char kFirstTunable[] = "dsAggressiveQueuePercentage";
   LumJson::Value tunables(LumJson::objectValue);
   bool inTunables = false;
   for (const Field& field : Fields()) {
-    inTunables = inTunables || kFirstTunable == field.key;
+    inTunables = inTunables || std::strcmp(kFirstTunable, field.key) == 0;
     if (inTunables && answer.isMember(field.key)) {
       tunables[field.key] = answer[field.key];
     }

@@ -267,7 +267,18 @@ void QueueManager::releasePackage() {
   droppedPackage_ = 0;
   rejectedPackage_ = 0;
   packageAllowedIdChanges_ = false;
+  forgetBytesWhenEmpty();
   logStateInfo();
+}
+
+// Bytes of removed items stay counted until a package is released, which
+// keeps the bound conservative; but with nothing queued and nothing pending
+// no later release would ever give them back, and the queue would refuse
+// items for room it does not use until the next restart.
+void QueueManager::forgetBytesWhenEmpty() {
+  if (queueItems_.empty() && package_.empty()) {
+    currentBytes_ = 0;
+  }
 }
 
 void QueueManager::requeuePackage() {
@@ -305,6 +316,7 @@ void QueueManager::removeUnacceptableIds() {
         return !parseStrict(text.data(), text.data() + text.size(), item) || !isAllowed(item);
       });
   queueItems_.erase(kept, queueItems_.end());
+  forgetBytesWhenEmpty();
 }
 
 void QueueManager::setAllowedDataItemIds(const std::set<std::string>& ids) {

@@ -65,6 +65,7 @@ class QueueManager {
   // Strict parse that also turns jsoncpp's exception for over-deep nesting
   // into a plain failure.
   bool parseStrict(const char* begin, const char* end, LumJson::Value& out);
+  void forgetBytesWhenEmpty();
   // The queue's fill in percent of the bound; a zero bound counts as full.
   uint32_t fillPercent() const;
 

@@ -17,16 +17,23 @@ class TimeFile {
  public:
   enum Result {
     Ok,
-    Absent,          // no file, or not a JSON object: nothing to take over
+    Absent,          // no file (or an empty one): nothing to take over
+    Invalid,         // not an object with integer "sec" and "nsec" in range
     InFuture,        // the stored (or computed) moment lies ahead of the wall clock
     ElapsedNegative  // the monotonic time lies ahead of the monotonic clock
   };
 
   // Reads dir/name into `stored` and, unless the moment lies in the future,
   // sets `monotonic` to the monotonic time of that moment. `complete` tells
-  // whether both members were present (a missing one reads as 0).
+  // whether both members were present (a missing one reads as 0). The file
+  // may have been damaged or edited by hand: a member that is not an integer
+  // or a moment outside 1970 to 9999 (or to the end of time_t) makes it
+  // Invalid, to be ignored whole.
+  static const char* kIgnoredLine;
   static Result Load(const std::string& dir, const std::string& name, LumJson::Value& stored,
                      timespec& monotonic, bool& complete);
+  // The moment a valid document names, normalised; false when it is not one.
+  static bool ReadMoment(const LumJson::Value& stored, timespec& moment, bool& complete);
   // The wall-clock moment of a monotonic time; on a problem `wall` is the
   // current wall-clock time.
   static Result ToWall(const timespec& monotonic, timespec& wall);

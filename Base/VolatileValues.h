@@ -29,7 +29,6 @@ class VolatileValues {
   timespec nextCall;          // monotonic; guarded by the core mutex
   MicroService nextDws;       // guarded by the core mutex
   Thread stateControlThread;  // guarded by the core mutex
-  Thread terminateThread;     // guarded by the core mutex
 };
 
 }  // namespace Core

@@ -12,7 +12,8 @@
 namespace Lum {
 namespace Core {
 
-Mutex Appender::AppenderMapMutex;
+// Never destroyed: threads may log while the host exits.
+Mutex& Appender::AppenderMapMutex = *new Mutex();
 Appender::AppenderMap* Appender::AllAppenders = nullptr;
 std::vector<Appender*>* Appender::DisplacedAppenders = nullptr;
 

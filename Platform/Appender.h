@@ -57,7 +57,7 @@ class Appender {
   // reads it on every log call.
   static int HighestEnabledSeverity(int service, int category);
 
-  static Mutex AppenderMapMutex;
+  static Mutex& AppenderMapMutex;
 
  protected:
   // Reads "format", "filters", "type" and "argument" from one element of

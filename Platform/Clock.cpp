@@ -1,12 +1,14 @@
 #include "Platform/Clock.h"
 
 #include <atomic>
+#include <limits>
 
 namespace Lum {
 namespace Core {
 
 namespace {
-const Clock kSystemClock;
+// Never destroyed: the schedulers read the clock while the host may exit.
+const Clock& kSystemClock = *new Clock();
 std::atomic<const Clock*> gClock{&kSystemClock};
 constexpr long kNanosPerSecond = 1000000000L;
 }  // namespace
@@ -23,7 +25,9 @@ timespec Clock::wall() const {
   return now;
 }
 
-const Clock& Clock::Current() { return *gClock.load(std::memory_order_acquire); }
+const Clock& Clock::Current() {
+  return *gClock.load(std::memory_order_acquire);
+}
 
 void Clock::Set(const Clock* clock) {
   gClock.store(clock != nullptr ? clock : &kSystemClock, std::memory_order_release);
@@ -45,9 +49,19 @@ bool IsBefore(const timespec& a, const timespec& b) {
 }
 
 long long DiffMilliseconds(const timespec& a, const timespec& b) {
-  long long seconds = static_cast<long long>(a.tv_sec) - static_cast<long long>(b.tv_sec);
-  long long nanos = static_cast<long long>(a.tv_nsec) - static_cast<long long>(b.tv_nsec);
-  return seconds * 1000 + nanos / 1000000;
+  // Saturating: a time read from a damaged file may lie anywhere, and an
+  // overflow here would be undefined behaviour, not just a wrong schedule.
+  long long seconds = 0;
+  long long millis = 0;
+  const long long nanos = static_cast<long long>(a.tv_nsec) - static_cast<long long>(b.tv_nsec);
+  const bool negative = a.tv_sec < b.tv_sec;
+  if (__builtin_sub_overflow(static_cast<long long>(a.tv_sec), static_cast<long long>(b.tv_sec),
+                             &seconds) ||
+      __builtin_mul_overflow(seconds, 1000LL, &millis) ||
+      __builtin_add_overflow(millis, nanos / 1000000, &millis)) {
+    return negative ? std::numeric_limits<long long>::min() : std::numeric_limits<long long>::max();
+  }
+  return millis;
 }
 
 timespec FromMilliseconds(long long ms) {

@@ -399,14 +399,16 @@ void LogInvalidName(const std::string& name) {
 
 FileOperations* FileUtil::operations_ = nullptr;
 
+// Both never destroyed: an agent thread may be storing a file while the host
+// exits.
 Mutex& FileUtil::GetMutex() {
-  static Mutex mutex;
-  return mutex;
+  static Mutex* const mutex = new Mutex();
+  return *mutex;
 }
 
 FileOperations& FileUtil::Operations() {
-  static FileOperations posix;
-  return operations_ != nullptr ? *operations_ : posix;
+  static FileOperations* const posix = new FileOperations();
+  return operations_ != nullptr ? *operations_ : *posix;
 }
 
 void FileUtil::SetOperations(FileOperations* operations) {

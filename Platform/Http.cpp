@@ -336,7 +336,8 @@ void FreeForm(curl_httppost* form) {
 
 }  // namespace
 
-Mutex Http::globalMutex_;
+// Never destroyed: a transfer may still start while the host exits.
+Mutex& Http::globalMutex_ = *new Mutex();
 bool Http::curlGlobalInitDone_ = false;
 
 const char* Http::VerbToString(int verb) {

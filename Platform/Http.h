@@ -58,6 +58,7 @@ class Http {
     uint32_t bodyLength = 0;
     bool bodyOverflow = false;
     bool uploadComplete = false;
+    bool answered = false;  // TEMP until the transport branch lands
     double uploadSpeed = 0;    // bytes per second
     double downloadSpeed = 0;  // bytes per second
   };
@@ -87,7 +88,7 @@ class Http {
   // libcurl's global state is set up at most once between Initialize and
   // Terminate; both run on the start-up and shut-down paths, the mutex only
   // keeps a stray second caller from racing them.
-  static Mutex globalMutex_;
+  static Mutex& globalMutex_;
   static bool curlGlobalInitDone_;  // guarded by globalMutex_
 };
 

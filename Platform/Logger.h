@@ -44,18 +44,24 @@ class Logger {
 // Each source file names itself once, as directory and class ("Platform/Http"),
 // with `LUM_SOURCE_FILE("Platform/Http");` and then logs with LUM_LOG. The test
 // comes first so a disabled line costs neither formatting nor argument work.
-#define LUM_SOURCE_FILE(name) \
-  namespace {                 \
+#define LUM_SOURCE_FILE(name)         \
+  namespace {                         \
   constexpr char kLumSource[] = name; \
   }
 
-#define LUM_LOG(service, category, severity, ...)                                          \
-  do {                                                                                     \
-    if (::Lum::Core::Logger::Instance().test((service), (category), (severity))) {         \
-      ::Lum::Core::Logger::Instance().log(kLumSource, __LINE__, __func__, (service),       \
-                                          (category), (severity), __VA_ARGS__);            \
-    }                                                                                      \
+#define LUM_LOG(service, category, severity, ...) \
+  LUM_LOG_AS(__func__, service, category, severity, __VA_ARGS__)
+
+// Logs under an explicit function name: the C entries run their bodies in
+// lambdas, whose own name is "operator()".
+#define LUM_LOG_AS(function, service, category, severity, ...)                                     \
+  do {                                                                                             \
+    if (::Lum::Core::Logger::Instance().test((service), (category), (severity))) {                 \
+      ::Lum::Core::Logger::Instance().log(kLumSource, __LINE__, (function), (service), (category), \
+                                          (severity), __VA_ARGS__);                                \
+    }                                                                                              \
   } while (0)
 
-#define LUM_TRACE(service) \
-  ::Lum::Core::FunctionTrace lumFunctionTrace_(__func__, kLumSource, __LINE__, (service))
+#define LUM_TRACE(service) LUM_TRACE_AS(__func__, service)
+#define LUM_TRACE_AS(function, service) \
+  ::Lum::Core::FunctionTrace lumFunctionTrace_((function), kLumSource, __LINE__, (service))

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Platform/ExceptionBarrier.h"
 #include "Platform/Logger.h"
 
 LUM_SOURCE_FILE("Platform/ThreadUtil");
@@ -13,6 +14,23 @@ namespace Core {
 namespace {
 constexpr size_t kMaxThreadNameLength = 15;
 constexpr size_t kThreadIdBytes = 4;
+
+// What a new thread runs, handed over from Start.
+struct Launch {
+  void* (*routine)(void*);
+  void* arg;
+  const char* name;  // for the log; a literal that outlives the thread
+};
+
+// Every agent thread starts here, so nothing it throws can reach the top of
+// the thread, where the runtime would terminate the television's process.
+void* ThreadMain(void* data) {
+  const Launch launch = *static_cast<Launch*>(data);
+  delete static_cast<Launch*>(data);
+  void* result = nullptr;
+  ExceptionBarrier::Run(launch.name, [&] { result = launch.routine(launch.arg); });
+  return result;
+}
 }  // namespace
 
 void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name) {
@@ -20,7 +38,9 @@ void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const
   if (thread.started_) {
     return;
   }
-  if (pthread_create(&thread.handle_, nullptr, routine, arg) != 0) {
+  Launch* launch = new Launch{routine, arg, name != nullptr ? name : "a thread"};
+  if (pthread_create(&thread.handle_, nullptr, ThreadMain, launch) != 0) {
+    delete launch;
     return;
   }
   if (name != nullptr && strlen(name) <= kMaxThreadNameLength) {

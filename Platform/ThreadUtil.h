@@ -14,7 +14,8 @@ class ThreadUtil {
   // Creates the thread unless `thread` is already started. A name of at most
   // 15 characters is applied to the new thread (the kernel's limit); a longer
   // one is not applied and the thread keeps the inherited name. A failed
-  // create leaves `thread` not started.
+  // create leaves `thread` not started. An exception that reaches the top of
+  // `routine` is logged and ends that thread only.
   static void Start(Thread& thread, void* (*routine)(void*), void* arg, const char* name);
 
   // Join / detach a started thread; `started` is cleared only on success.

@@ -27,6 +27,10 @@ class TimedSem {
   void unlock();
   // Posts the signal, waking a waiter (or the next wait()).
   void reset();
+  // Drops a posted signal that no wait() has taken, without releasing the
+  // mutex as a wait would: an owner starting afresh must not be woken by a
+  // wake meant for its previous run.
+  void clear() { signalled_ = false; }
   // Waits for the signal until `deadline` (null: without limit) and consumes
   // it. Returns true when the deadline passed without a signal.
   bool wait(const struct timespec* deadline);

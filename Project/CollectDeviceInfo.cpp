@@ -9,6 +9,7 @@
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 #include "Platform/ThreadUtil.h"
+#include "Platform/UnlockMutex.h"
 
 LUM_SOURCE_FILE("Project/CollectDeviceInfo");
 
@@ -125,7 +126,7 @@ void* CollectDeviceInfo::DeviceInfoControl(void* arg) {
 void CollectDeviceInfo::runDeviceInfoControl() {
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl started");
   Core::Mutex& mutex = CoreMutex();
-  mutex.lock();
+  LockMutex lock(&mutex);
   for (;;) {
     LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl running");
     logStateDebug();
@@ -137,9 +138,8 @@ void CollectDeviceInfo::runDeviceInfoControl() {
       submit_ = false;
       const std::vector<std::string> items = buildItems();
       // Submission takes the core mutex itself.
-      mutex.unlock();
+      Core::UnlockMutex unlocked(mutex);
       SubmitItems(items);
-      mutex.lock();
     }
     // A change signalled while the items were being submitted found the
     // thread not waiting and gave nothing; go round for it instead.
@@ -151,7 +151,6 @@ void CollectDeviceInfo::runDeviceInfoControl() {
     sem_->takeLocked();
     waiting_ = false;
   }
-  mutex.unlock();
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl terminated");
 }
 

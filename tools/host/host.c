@@ -3,7 +3,7 @@
  *
  *   lum-host --identity FILE --config FILE --device FILE
  *            [--test-mode] [--factory-reset] [--log-through] [--run-seconds N]
- *            [--items FILE|-] [--items-delay-ms N]
+ *            [--items FILE|-] [--items-delay-ms N] [--exit-after-ms N [--no-term]]
  *
  * It starts the agent with the three JSON texts, prints one line for every
  * status change (followed on a thread of its own with LumGetStatus method 1),
@@ -12,12 +12,15 @@
  * "item N: result R" for each, and on SIGINT or SIGTERM (or after
  * --run-seconds, counted from LumInit) stops the agent with
  * LumTerm, or LumFactoryReset with --factory-reset, and waits for state 0.
+ * With --exit-after-ms it behaves like a television switched off in the
+ * middle of its work: N ms after LumInit it calls LumTerm (not even that with
+ * --no-term) and exits the process at once, without waiting for state 0.
  * Written against the public header only.
  */
 #define _POSIX_C_SOURCE 200809L
 
-#include <lum.h>
 #include <errno.h>
+#include <lum.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -35,6 +38,8 @@ typedef struct Options {
   long runSeconds;
   const char* itemsFile;
   long itemsDelayMs;
+  long exitAfterMs;
+  int noTerm;
 } Options;
 
 /* How long the items wait for the back end's allowed identifiers at most;
@@ -89,7 +94,9 @@ static char* readWholeFile(const char* path) {
   return text;
 }
 
-static const char* orEmpty(const char* text) { return text != NULL ? text : ""; }
+static const char* orEmpty(const char* text) {
+  return text != NULL ? text : "";
+}
 
 static void printStatus(const LumStatus* status) {
   char line[4096];
@@ -157,6 +164,10 @@ static int parseOptions(int argc, char** argv, Options* options) {
       options->itemsFile = argv[++i];
     } else if (strcmp(arg, "--items-delay-ms") == 0 && next) {
       options->itemsDelayMs = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--exit-after-ms") == 0 && next) {
+      options->exitAfterMs = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--no-term") == 0) {
+      options->noTerm = 1;
     } else if (strcmp(arg, "--test-mode") == 0) {
       options->testMode = 1;
     } else if (strcmp(arg, "--factory-reset") == 0) {
@@ -300,7 +311,7 @@ int main(int argc, char** argv) {
     fprintf(stderr,
             "usage: lum-host --identity FILE --config FILE --device FILE [--test-mode] "
             "[--factory-reset] [--log-through] [--run-seconds N] [--items FILE|-] "
-            "[--items-delay-ms N]\n");
+            "[--items-delay-ms N] [--exit-after-ms N [--no-term]]\n");
     return 2;
   }
   identity = readWholeFile(options.identityFile);
@@ -328,6 +339,9 @@ int main(int argc, char** argv) {
 
   if (options.runSeconds > 0) {
     deadlineMs = nowMs() + options.runSeconds * 1000LL;
+  }
+  if (options.exitAfterMs > 0) {
+    deadlineMs = nowMs() + options.exitAfterMs;
   }
   result = LumInit(identity, config, device);
   free(identity);
@@ -357,9 +371,16 @@ int main(int argc, char** argv) {
   follower.stopRequested = 1;
   pthread_mutex_unlock(&follower.mutex);
   gLogThrough = 0;
+  if (options.exitAfterMs > 0 && options.noTerm) {
+    exit(0);
+  }
   result = options.factoryReset ? LumFactoryReset() : LumTerm();
   if (result != LUM_RESULT_SUCCESS) {
     fprintf(stderr, "lum-host: stop failed with %u\n", result);
+  }
+  if (options.exitAfterMs > 0) {
+    /* The agent's threads are still winding down; the library must cope. */
+    exit(0);
   }
   pthread_join(thread, NULL);
   printf("host: agent stopped\n");

@@ -175,6 +175,18 @@ TEST_F(QueueManagerTest, WithdrawnIdsSpareThePendingPackageUntilRequeued) {
   EXPECT_EQ(0u, queue.getCurrentBytes());
 }
 
+// With nothing queued and no package, no release will come to give removed
+// bytes back, so they must not linger and crowd out later items.
+TEST_F(QueueManagerTest, WithdrawingEveryQueuedItemGivesItsRoomBack) {
+  QueueManager queue(200);  // a bound of 100 bytes
+  queue.setAllowedDataItemIds({"a", "b"});
+  ASSERT_TRUE(queue.queueDataItem(Item(60, "a").c_str()));
+  queue.setAllowedDataItemIds({"b"});
+  EXPECT_EQ(0u, queue.getQueuedCount());
+  EXPECT_EQ(0u, queue.getCurrentBytes());
+  EXPECT_TRUE(queue.queueDataItem(Item(100, "b").c_str()));
+}
+
 TEST_F(QueueManagerTest, AStoredPackageReadsBackThroughAdmission) {
   const std::string text = Package(1, 2, Item(40, "a") + "," + Item(40, "b"));
   QueueManager same(1000);
