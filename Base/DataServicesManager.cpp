@@ -2,6 +2,7 @@
 
 #include <lum.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "Base/CollectorManager.h"
@@ -407,9 +408,15 @@ void DataServicesManager::storeTimeFile() {
   TimeFile::Store(coreConfig_->getPersistentPath(), timeFileName_, wall, stored);
 }
 
+// The queue holds up to half of maximumDataBytes, and the package text built
+// from it fits in the other half, so the stored package never needs more.
+size_t DataServicesManager::queueFileLimit() const {
+  return std::max<size_t>(Core::FileUtil::kDefaultMaxBytes, config_->getMaximumDataBytes());
+}
+
 void DataServicesManager::loadQueueFile() {
   const std::string& path = coreConfig_->getPersistentPath();
-  const std::string text = Core::FileUtil::Load(path, queueFileName_);
+  const std::string text = Core::FileUtil::Load(path, queueFileName_, queueFileLimit());
   if (text.empty()) {
     return;
   }
@@ -426,7 +433,8 @@ void DataServicesManager::storeQueueFile() {
     queue_->requeuePackage();
   }
   queue_->hashPackage();
-  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_, queue_->marshalPackage());
+  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_, queue_->marshalPackage(),
+                        queueFileLimit());
 }
 
 // ---------------------------------------------------------------- logging
