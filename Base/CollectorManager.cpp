@@ -61,7 +61,8 @@ void CollectorManager::initialize(const Core::ManagerContext& context) {
   oldAllowedIds_.clear();
   newAllowedIds_.clear();
   initializeCollectors(context);
-  Core::ThreadUtil::Start(thread_, CollectorControl, this, "CollectorControl");
+  // Shortened to fit the kernel's 15 characters; the log keeps the full name.
+  Core::ThreadUtil::Start(thread_, CollectorControl, this, "CollectorCtrl");
   initialized_ = true;
 }
 

@@ -16,9 +16,10 @@ namespace Ds {
 
 // Owns the collectors and keeps each one running exactly while the back end
 // allows at least one of its ids. Changes of the allowed ids are only noted by
-// cascadeStateChanges; "CollectorControl" compares them with the previous set
-// and stops, halts or (re)starts the collectors concerned, so that the caller,
-// who holds the core mutex, never waits for a collector's thread.
+// cascadeStateChanges; "CollectorControl" (thread name "CollectorCtrl")
+// compares them with the previous set and stops, halts or (re)starts the
+// collectors concerned, so that the caller, who holds the core mutex, never
+// waits for a collector's thread.
 //
 // Lock order: the core mutex before mutex_. CollectorControl holds mutex_ only
 // while it reads or waits for a change and never while it works on a

@@ -2,6 +2,8 @@
 
 #include <lum.h>
 
+#include <algorithm>
+
 #include "Base/CollectorManager.h"
 #include "Base/CoreConfig.h"
 #include "Base/CoreManager.h"
@@ -413,13 +415,19 @@ void DataServicesManager::storeTimeFile() {
   TimeFile::Store(coreConfig_->getPersistentPath(), timeFileName_, wall, stored);
 }
 
+// The queue holds up to half of maximumDataBytes, and the package text built
+// from it fits in the other half, so the stored package never needs more.
+size_t DataServicesManager::queueFileLimit() const {
+  return std::max<size_t>(Core::FileUtil::kDefaultMaxBytes, config_->getMaximumDataBytes());
+}
+
 // The file stays until a newer queue replaces it or its items have left the
 // agent: deleting it as soon as it is read would lose every item should the
 // store at the next stop fail (a full or read-only disk). A crash in between
 // may upload some items twice; the back end sees each item at least once.
 void DataServicesManager::loadQueueFile() {
   const std::string& path = coreConfig_->getPersistentPath();
-  const std::string text = Core::FileUtil::Load(path, queueFileName_);
+  const std::string text = Core::FileUtil::Load(path, queueFileName_, queueFileLimit());
   if (text.empty()) {
     return;
   }
@@ -438,7 +446,8 @@ void DataServicesManager::storeQueueFile() {
     queue_->requeuePackage();
   }
   queue_->hashPackage();
-  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_, queue_->marshalPackage());
+  Core::FileUtil::Store(coreConfig_->getPersistentPath(), queueFileName_, queue_->marshalPackage(),
+                        queueFileLimit());
 }
 
 // ---------------------------------------------------------------- logging

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -78,6 +79,7 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   void storeTimeFile();
   void loadQueueFile();
   void storeQueueFile();
+  size_t queueFileLimit() const;
   bool isTerminating() const;
 
   const std::string timeFileName_ = "dsTime";

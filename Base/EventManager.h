@@ -42,8 +42,9 @@ class EventManager : public Manager {
   void setSessionStarter(Handler handler);
   void setUpdateSourceSetter(Handler handler);
 
-  // Shows the consent page in the device's browser; returns the child's pid
-  // (or -1) without waiting for it.
+  // Shows the consent page in the device's browser, for an https URL only;
+  // returns the browser's pid, or -1 when it was not started. The browser is
+  // not a child of the host: it runs on and is reaped without the host.
   static pid_t PerformConsentNotification(const std::string& url);
 
  private:

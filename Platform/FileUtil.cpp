@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Platform/FileOperations.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 
@@ -28,6 +29,8 @@ constexpr char kSidecarHeader[] = "lumfile 1";
 constexpr mode_t kFileMode = 0600;  // the state holds the device's credentials
 constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kDigestHexLength = 64;
+// A sidecar lists at most two versions; anything longer is damaged anyway.
+constexpr size_t kMaxSidecarBytes = 4096;
 
 struct Paths {
   std::string directory;  // as given; "" means the working directory
@@ -45,15 +48,16 @@ struct Entry {
   std::string digest;
 };
 
-enum class ReadStatus { kOk, kAbsent, kFailed };
+enum class ReadStatus { kOk, kAbsent, kTooLarge, kFailed };
 
 // One of the two content files as found on disk.
 struct Candidate {
   ReadStatus status = ReadStatus::kAbsent;
   std::string content;
   std::string digest;
-  bool intact = false;   // vouched for by the sidecar
-  uint64_t version = 0;  // meaningful when intact
+  // Vouched for by the sidecar or, without a valid one, a whole JSON document.
+  bool intact = false;
+  uint64_t version = 0;  // meaningful when intact; 0 when taken unchecked
 };
 
 enum class SidecarStatus { kAbsent, kValid, kDamaged };
@@ -145,7 +149,10 @@ bool ParseSidecar(const std::string& text, std::vector<Entry>* entries) {
   return !entries->empty() && !text.empty() && text.back() == '\n';
 }
 
-ReadStatus ReadWhole(FileOperations& ops, const std::string& path, std::string* content) {
+// Reads at most one byte beyond `maxBytes`, so that an oversized file is
+// recognised without holding more of it than that in memory.
+ReadStatus ReadWhole(FileOperations& ops, const std::string& path, size_t maxBytes,
+                     std::string* content) {
   content->clear();
   int fd = ops.open(path.c_str(), O_RDONLY, 0);
   if (fd < 0) {
@@ -158,7 +165,8 @@ ReadStatus ReadWhole(FileOperations& ops, const std::string& path, std::string* 
   }
   std::vector<char> chunk(kReadChunk);
   for (;;) {
-    ssize_t n = ops.read(fd, chunk.data(), chunk.size());
+    const size_t room = maxBytes - content->size();
+    ssize_t n = ops.read(fd, chunk.data(), room < chunk.size() ? room + 1 : chunk.size());
     if (n < 0) {
       LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot read %s: %s",
               path.c_str(), strerror(errno));
@@ -170,6 +178,13 @@ ReadStatus ReadWhole(FileOperations& ops, const std::string& path, std::string* 
       break;
     }
     content->append(chunk.data(), static_cast<size_t>(n));
+    if (content->size() > maxBytes) {
+      ops.close(fd);
+      content->clear();
+      LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+              "%s is larger than %zu bytes, ignoring it", path.c_str(), maxBytes);
+      return ReadStatus::kTooLarge;
+    }
   }
   ops.close(fd);
   return ReadStatus::kOk;
@@ -252,7 +267,7 @@ bool Rename(FileOperations& ops, const std::string& from, const std::string& to)
 Sidecar ReadSidecar(FileOperations& ops, const Paths& paths) {
   Sidecar sidecar;
   std::string text;
-  ReadStatus status = ReadWhole(ops, paths.sidecar, &text);
+  ReadStatus status = ReadWhole(ops, paths.sidecar, kMaxSidecarBytes, &text);
   if (status == ReadStatus::kAbsent) {
     return sidecar;
   }
@@ -262,21 +277,29 @@ Sidecar ReadSidecar(FileOperations& ops, const Paths& paths) {
   if (sidecar.status == SidecarStatus::kDamaged) {
     sidecar.entries.clear();
     LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
-            "Checksum file %s is unreadable, reading %s unchecked", paths.sidecar.c_str(),
+            "Checksum file %s is unreadable, checking %s as JSON only", paths.sidecar.c_str(),
             paths.current.c_str());
   }
   return sidecar;
 }
 
 // Reads one content file and checks it against the sidecar. The same content
-// stored twice is listed twice; the newer version counts.
-Candidate ReadCandidate(FileOperations& ops, const std::string& path, const Sidecar& sidecar) {
+// stored twice is listed twice; the newer version counts. Without a valid
+// sidecar the only check left is that the content is one whole JSON document,
+// which is what every stored file holds.
+Candidate ReadCandidate(FileOperations& ops, const std::string& path, const Sidecar& sidecar,
+                        size_t maxBytes) {
   Candidate candidate;
-  candidate.status = ReadWhole(ops, path, &candidate.content);
+  candidate.status = ReadWhole(ops, path, maxBytes, &candidate.content);
   if (candidate.status != ReadStatus::kOk) {
     return candidate;
   }
   candidate.digest = Digest(candidate.content);
+  if (sidecar.status != SidecarStatus::kValid) {
+    LumJson::Value document;
+    candidate.intact = JsonUtil::ParseStrict(candidate.content, document);
+    return candidate;
+  }
   for (const Entry& entry : sidecar.entries) {
     if (entry.size == candidate.content.size() && entry.digest == candidate.digest &&
         (!candidate.intact || entry.version > candidate.version)) {
@@ -287,9 +310,18 @@ Candidate ReadCandidate(FileOperations& ops, const std::string& path, const Side
   return candidate;
 }
 
-void LogDamaged(const std::string& path) {
-  LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
-          "%s does not match its checksum, ignoring it", path.c_str());
+// An oversized or unreadable file has been logged by ReadWhole already.
+void LogDamaged(const std::string& path, const Candidate& candidate, const Sidecar& sidecar) {
+  if (candidate.status != ReadStatus::kOk) {
+    return;
+  }
+  if (sidecar.status == SidecarStatus::kValid) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "%s does not match its checksum, ignoring it", path.c_str());
+  } else {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "%s has no checksum and is not a whole JSON document, ignoring it", path.c_str());
+  }
 }
 
 uint64_t HighestVersion(const Sidecar& sidecar) {
@@ -308,52 +340,46 @@ Entry MakeEntry(uint64_t version, const std::string& content, const std::string&
   return entry;
 }
 
-// What Store keeps as the fallback version, and whether that means moving the
-// current file aside first.
-struct Fallback {
-  bool exists = false;
-  bool demoteCurrent = false;
+// The version Load returns. Store keeps exactly this one as its fallback, so
+// that a text Load would refuse never becomes a version the sidecar vouches
+// for.
+struct Choice {
+  enum Source { kNone, kCurrent, kPrevious } source = kNone;
+  std::string content;
   Entry entry;
 };
 
-Fallback ChooseFallback(FileOperations& ops, const Paths& paths, const Sidecar& sidecar) {
-  Fallback fallback;
-  if (sidecar.status != SidecarStatus::kValid) {
-    // Unchecked content (hand-written, or from an older agent) is taken as
-    // it is, the oldest version there can be.
-    std::string content;
-    if (ReadWhole(ops, paths.current, &content) == ReadStatus::kOk) {
-      fallback.exists = true;
-      fallback.demoteCurrent = true;
-      fallback.entry = MakeEntry(0, content, Digest(content));
-    }
-    return fallback;
-  }
-  Candidate current = ReadCandidate(ops, paths.current, sidecar);
+Choice Choose(FileOperations& ops, const Paths& paths, const Sidecar& sidecar, size_t maxBytes) {
+  Choice choice;
+  Candidate current = ReadCandidate(ops, paths.current, sidecar, maxBytes);
   if (current.intact) {
-    fallback.exists = true;
-    fallback.demoteCurrent = true;
-    fallback.entry = MakeEntry(current.version, current.content, current.digest);
-    return fallback;
+    choice.source = Choice::kCurrent;
+    choice.entry = MakeEntry(current.version, current.content, current.digest);
+    choice.content = std::move(current.content);
+    return choice;
   }
-  if (current.status == ReadStatus::kOk) {
-    LogDamaged(paths.current);
-  }
-  // The current file is missing or damaged: keep the previous one where it is.
-  Candidate previous = ReadCandidate(ops, paths.previous, sidecar);
+  LogDamaged(paths.current, current, sidecar);
+  Candidate previous = ReadCandidate(ops, paths.previous, sidecar, maxBytes);
   if (previous.intact) {
-    fallback.exists = true;
-    fallback.entry = MakeEntry(previous.version, previous.content, previous.digest);
+    choice.source = Choice::kPrevious;
+    choice.entry = MakeEntry(previous.version, previous.content, previous.digest);
+    choice.content = std::move(previous.content);
+    return choice;
   }
-  return fallback;
+  LogDamaged(paths.previous, previous, sidecar);
+  if (current.status != ReadStatus::kAbsent || previous.status != ReadStatus::kAbsent) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "No intact version of %s is left", paths.current.c_str());
+  }
+  return choice;
 }
 
 // Step 2 of Store: after this the sidecar vouches for both the new content
 // and the fallback, before either content file changes.
 bool PublishSidecar(FileOperations& ops, const Paths& paths, const Entry& newest,
-                    const Fallback& fallback) {
+                    const Choice& fallback) {
   std::vector<Entry> entries{newest};
-  if (fallback.exists) {
+  if (fallback.source != Choice::kNone) {
     entries.push_back(fallback.entry);
   }
   if (!WriteDurably(ops, paths.sidecarTemp, FormatSidecar(entries))) {
@@ -366,9 +392,9 @@ bool PublishSidecar(FileOperations& ops, const Paths& paths, const Entry& newest
   return SyncDirectory(ops, paths.directory);
 }
 
-// Steps 3 and 4 of Store.
-bool PublishContent(FileOperations& ops, const Paths& paths, const Fallback& fallback) {
-  if (fallback.demoteCurrent && !Rename(ops, paths.current, paths.previous)) {
+// Steps 3 and 4 of Store. A fallback already in name.prev stays where it is.
+bool PublishContent(FileOperations& ops, const Paths& paths, const Choice& fallback) {
+  if (fallback.source == Choice::kCurrent && !Rename(ops, paths.current, paths.previous)) {
     return false;
   }
   if (!Rename(ops, paths.currentTemp, paths.current)) {
@@ -416,7 +442,7 @@ void FileUtil::SetOperations(FileOperations* operations) {
   operations_ = operations;
 }
 
-std::string FileUtil::Load(const std::string& directory, const std::string& name) {
+std::string FileUtil::Load(const std::string& directory, const std::string& name, size_t maxBytes) {
   LUM_TRACE(FP::SERVICE_CORE);
   if (!IsValidName(name)) {
     LogInvalidName(name);
@@ -425,38 +451,17 @@ std::string FileUtil::Load(const std::string& directory, const std::string& name
   LockMutex lock(&GetMutex());
   FileOperations& ops = Operations();
   const Paths paths = MakePaths(directory, name);
-  const Sidecar sidecar = ReadSidecar(ops, paths);
-  if (sidecar.status != SidecarStatus::kValid) {
-    std::string content;
-    ReadWhole(ops, paths.current, &content);
-    return content;
-  }
-  Candidate current = ReadCandidate(ops, paths.current, sidecar);
-  if (current.intact) {
-    return current.content;
-  }
-  if (current.status == ReadStatus::kOk) {
-    LogDamaged(paths.current);
-  }
-  Candidate previous = ReadCandidate(ops, paths.previous, sidecar);
-  if (previous.intact) {
+  Choice choice = Choose(ops, paths, ReadSidecar(ops, paths), maxBytes);
+  if (choice.source == Choice::kPrevious) {
     LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
-            "Using the previous version %" PRIu64 " of %s", previous.version,
+            "Using the previous version %" PRIu64 " of %s", choice.entry.version,
             paths.current.c_str());
-    return previous.content;
   }
-  if (previous.status == ReadStatus::kOk) {
-    LogDamaged(paths.previous);
-  }
-  if (current.status != ReadStatus::kAbsent || previous.status != ReadStatus::kAbsent) {
-    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
-            "No intact version of %s is left", paths.current.c_str());
-  }
-  return std::string();
+  return std::move(choice.content);
 }
 
 bool FileUtil::Store(const std::string& directory, const std::string& name,
-                     const std::string& content) {
+                     const std::string& content, size_t maxBytes) {
   LUM_TRACE(FP::SERVICE_CORE);
   if (!IsValidName(name)) {
     LogInvalidName(name);
@@ -465,10 +470,16 @@ bool FileUtil::Store(const std::string& directory, const std::string& name,
   LockMutex lock(&GetMutex());
   FileOperations& ops = Operations();
   const Paths paths = MakePaths(directory, name);
+  if (content.size() > maxBytes) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR,
+            "Not storing %zu bytes in %s, more than the %zu bytes it is loaded with",
+            content.size(), paths.current.c_str(), maxBytes);
+    return false;
+  }
   const Sidecar sidecar = ReadSidecar(ops, paths);
-  const Fallback fallback = ChooseFallback(ops, paths, sidecar);
+  const Choice fallback = Choose(ops, paths, sidecar, maxBytes);
   uint64_t highest = HighestVersion(sidecar);
-  if (fallback.exists && fallback.entry.version > highest) {
+  if (fallback.source != Choice::kNone && fallback.entry.version > highest) {
     highest = fallback.entry.version;
   }
   const Entry newest = MakeEntry(highest + 1, content, Digest(content));

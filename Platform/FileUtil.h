@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "Platform/Mutex.h"
@@ -10,7 +11,9 @@ namespace Core {
 class FileOperations;
 
 // Small files that must survive power loss at any instant: the agent's state
-// and tunables, the time of its last back-end call, the data queue.
+// and tunables, the time of its last back-end call, the data queue. Every one
+// of them holds a single JSON document; that is what lets a file without its
+// checksum be told apart from a torn one (see below).
 //
 // On-disk layout for a file `name` in `directory`:
 //
@@ -29,9 +32,9 @@ class FileOperations;
 // Store(content) runs these steps; every file is fsynced before it is renamed:
 //   1. write name.tmp with the content;
 //   2. write name.sum.tmp listing the new version and the version being kept
-//      as fallback (the intact current one, else the intact previous one),
-//      rename it over name.sum, fsync the directory;
-//   3. if the current file is intact, rename name over name.prev;
+//      as fallback (the one Load would return now, if any), rename it over
+//      name.sum, fsync the directory;
+//   3. if that fallback is name, rename name over name.prev;
 //   4. rename name.tmp over name, fsync the directory.
 // Load takes name when name.sum vouches for its size and checksum, otherwise
 // name.prev when name.sum vouches for that, otherwise nothing. What a crash
@@ -46,10 +49,17 @@ class FileOperations;
 // directory sync of its own: were step 4 to reach the disk without it, name
 // would still be the new, listed content.
 //
-// A name without a readable sidecar (written by hand or by an older agent) is
-// read as it is, and becomes the fallback version at the next Store. Editing a
-// stored file by hand therefore means deleting name.sum as well; otherwise the
-// edit looks like damage and Load falls back to the previous version.
+// Without a readable sidecar (absent: written by hand or by an older agent;
+// or itself damaged) no checksum can vouch for anything, so a version is
+// trusted only if it parses as a whole as one JSON document: name if it does,
+// otherwise name.prev if that does, otherwise nothing. A torn write almost
+// never leaves a whole document behind, and the next Store keeps as its
+// fallback only the version so chosen, never the unchecked text. Editing a
+// stored file by hand means deleting name.sum as well; otherwise the edit
+// looks like damage and Load falls back to the previous version.
+//
+// A content file larger than the limit Load is given is read no further than
+// that limit and counts as damaged, like one that fails its check.
 //
 // All operations are serialised by one process-wide mutex, so two threads
 // storing the same name cannot mix their scratch files. Failures are logged
@@ -57,13 +67,22 @@ class FileOperations;
 // through FileUtil, since FileUtil logs while holding its mutex.
 class FileUtil {
  public:
+  // Far above any state file, so that a file grown by damage or by mistake
+  // cannot make the agent allocate without bound inside the TV's process.
+  static constexpr size_t kDefaultMaxBytes = 1024 * 1024;
+
   // The newest intact content, or "" when there is none or it is unreadable.
-  static std::string Load(const std::string& directory, const std::string& name);
+  // A version larger than `maxBytes` is ignored as damaged.
+  static std::string Load(const std::string& directory, const std::string& name,
+                          size_t maxBytes = kDefaultMaxBytes);
   // True once the content is durably the newest version. False leaves the
   // previous content loadable; only a failure of the very last directory sync
   // can leave the new content in place (visible, but not known to be durable).
+  // `maxBytes` is the limit the file is loaded with: a larger content is
+  // refused, since Load would ignore it, and the fallback kept is what Load
+  // with that limit returns.
   static bool Store(const std::string& directory, const std::string& name,
-                    const std::string& content);
+                    const std::string& content, size_t maxBytes = kDefaultMaxBytes);
   // Removes every version and the sidecar; true when nothing of name is left.
   static bool Drop(const std::string& directory, const std::string& name);
 

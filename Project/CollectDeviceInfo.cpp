@@ -81,7 +81,8 @@ void CollectDeviceInfo::initialize(const std::set<std::string>& ids) {
     persistent_->registerDeviceInfoCollector(this);
     persistent_->checkDeviceInfoCollector();
   }
-  Core::ThreadUtil::Start(thread_, DeviceInfoControl, this, "DeviceInfoControl");
+  // Shortened to fit the kernel's 15 characters; the log keeps the full name.
+  Core::ThreadUtil::Start(thread_, DeviceInfoControl, this, "DeviceInfoCtrl");
 }
 
 void CollectDeviceInfo::halt() {

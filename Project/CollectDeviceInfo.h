@@ -18,10 +18,10 @@ class PersistentValues;
 namespace Ds {
 
 // Reports the device's ESN and MAC address as the data items "DeviceInfoEsn"
-// and "DeviceInfoMac" from its thread "DeviceInfoControl". It reports when
-// the device description differs from the one the previous run persisted,
-// and on the first start after a halt, since the back end may have missed
-// the values while they were not allowed.
+// and "DeviceInfoMac" from its thread "DeviceInfoControl" (thread name
+// "DeviceInfoCtrl"). It reports when the device description differs from the
+// one the previous run persisted, and on the first start after a halt, since
+// the back end may have missed the values while they were not allowed.
 //
 // waiting_, terminating_, submit_, enableEsn_, enableMac_, changeUnreported_
 // and the sem_ pointer are guarded by the core mutex (CoreManager::getMutex),

@@ -45,6 +45,16 @@ size_t ThreadCount() {
   return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
 }
 
+// The kernel's names of this process's threads.
+Ids ThreadNames() {
+  Ids names;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name = LumTest::ReadFile(task.path().string() + "/comm");
+    names.insert(name.substr(0, name.find('\n')));
+  }
+  return names;
+}
+
 size_t Count(const Lines& lines, const std::string& line) {
   return std::count(lines.begin(), lines.end(), line);
 }
@@ -201,6 +211,17 @@ TEST_F(CollectorsTest, TransitionsStopHaltAndStartTheCollector) {
     ChangeDeviceInfo("aa:bb:cc:dd:ee:ff");
     CoreCheck();  // ASan reports a use after free if the collector stayed registered
   }
+}
+
+// The kernel takes at most 15 characters as a thread's name.
+TEST_F(CollectorsTest, ThreadsCarryTheirNames) {
+  Start();
+  Cascade(kMac);
+  Ids names;
+  EXPECT_TRUE(WaitFor([&] {
+    names = ThreadNames();
+    return names.count("CollectorCtrl") == 1 && names.count("DeviceInfoCtrl") == 1;
+  })) << testing::PrintToString(names);
 }
 
 // A change handed over just before termination, while CollectorControl is

@@ -1,22 +1,30 @@
 // Events pushed by the back end are carried out in order, one at a time,
 // and those still queued at termination are dropped with a line each.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
 #include <mutex>
+#include <string>
 
-#include "agent/AgentHarness.h"
 #include "Base/CoreManager.h"
 #include "Base/EventManager.h"
 #include "Platform/LockMutex.h"
+#include "agent/AgentHarness.h"
+#include "support/LogCapture.h"
 
 namespace {
 
-using LumTest::AgentHarness;
-using LumTest::QuickTunables;
 using Lum::Core::CoreManager;
 using Lum::Core::EventManager;
+using LumTest::AgentHarness;
+using LumTest::QuickTunables;
+using LumTest::ReadFile;
+using LumTest::WaitFor;
 using std::chrono::seconds;
 
 // Holds the event thread inside an action until the test lets it go.
@@ -90,6 +98,81 @@ TEST(Events, EventsLeftAtTerminationAreAbortedNotRun) {
   EXPECT_NE(log.find("Aborting event=laterevent, id=2, parameters=x"), std::string::npos);
   EXPECT_NE(log.find("Aborting event=lastevent, id=3, parameters=y"), std::string::npos);
   EXPECT_EQ(log.find("Ignoring event=laterevent"), std::string::npos);
+}
+
+// The state letter and parent of a process, from /proc/<pid>/stat; state 0
+// when the process is gone.
+struct ProcessState {
+  char state = 0;
+  pid_t parent = 0;
+};
+
+ProcessState StateOf(const std::string& pid) {
+  const std::string stat = ReadFile("/proc/" + pid + "/stat");
+  const size_t name = stat.rfind(')');  // the name itself may hold ')'
+  ProcessState result;
+  if (name != std::string::npos && name + 4 < stat.size()) {
+    result.state = stat[name + 2];
+    result.parent = static_cast<pid_t>(std::atol(stat.c_str() + name + 4));
+  }
+  return result;
+}
+
+bool HasZombieChild() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string pid = entry.path().filename().string();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    const ProcessState process = StateOf(pid);
+    if (process.parent == getpid() && process.state == 'Z') return true;
+  }
+  return false;
+}
+
+// A stand-in browser found first on PATH, which records its arguments.
+class FakeBrowser {
+ public:
+  FakeBrowser() : path_(getenv("PATH") != nullptr ? getenv("PATH") : "") {
+    const std::string script = dir_.file("chromium-browser");
+    LumTest::WriteFile(script, "#!/bin/sh\ncd '" + dir_.path() +
+                                   "' || exit 1\n"
+                                   "echo run >> runs\n"
+                                   "printf '%s\\n' \"$#\" \"$@\" > args.tmp\n"
+                                   "mv args.tmp args\n");
+    chmod(script.c_str(), 0700);
+    setenv("PATH", (dir_.path() + ":" + path_).c_str(), 1);
+  }
+  ~FakeBrowser() { setenv("PATH", path_.c_str(), 1); }
+  std::string file(const char* name) const { return ReadFile(dir_.file(name)); }
+
+ private:
+  LumTest::TempDir dir_;
+  std::string path_;
+};
+
+// The browser gets the URL as its one argument, and neither it nor the
+// process that launched it is left as a zombie of the host. Anything but an
+// https URL, which could pass for an option, starts nothing.
+TEST(Events, ConsentPageOpensOnlyHttpsUrlsAndLeavesNoZombie) {
+  FakeBrowser browser;
+  LumTest::LogCapture log("info");
+  for (const char* url : {"-\u2013no-sandbox", "--flag", "http://x", "https://a b", ""}) {
+    EXPECT_EQ(EventManager::PerformConsentNotification(url), -1) << url;
+  }
+  EXPECT_TRUE(log.logged("Not executing chromium-browser --flag, not an https URL")) << log.text();
+
+  const std::string url = "https://consent.example/page?a=1&b=$HOME;c='d'";
+  const pid_t pid = EventManager::PerformConsentNotification(url);
+  ASSERT_GT(pid, 0);
+  ASSERT_TRUE(WaitFor([&] { return !browser.file("args").empty(); })) << log.text();
+  EXPECT_EQ(browser.file("args"), "1\n" + url + "\n");
+  // Finished: gone, or a zombie of whoever adopted it.
+  ASSERT_TRUE(WaitFor([&] {
+    const char state = StateOf(std::to_string(pid)).state;
+    return state == 0 || state == 'Z';
+  }));
+  EXPECT_TRUE(WaitFor([] { return !HasZombieChild(); }));
+  EXPECT_EQ(browser.file("runs"), "run\n");
+  EXPECT_TRUE(log.logged("Executing chromium-browser " + url)) << log.text();
 }
 
 }  // namespace

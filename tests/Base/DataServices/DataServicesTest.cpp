@@ -261,11 +261,12 @@ TEST(DataServices, ATokenAnswerWithoutATokenAnnouncesTheSamePackageAgainAfterThe
 
 // The first run cannot upload (every token request is refused), so its
 // items are still queued when it stops.
-void RunWithUploadsRefused(AgentHarness& agent, const Tags& tags) {
+void RunWithUploadsRefused(AgentHarness& agent, const Tags& tags,
+                           unsigned maximumDataBytes = 65536) {
   Fault refuse = StatusFault(503);
   refuse.count = -1;
   agent.backend().injectFault(kTokenPath, refuse);
-  Start(agent, Tunables(300, 300));
+  Start(agent, Tunables(300, 300), maximumDataBytes);
   for (const std::string& tag : tags) {
     ASSERT_EQ(Submit(Item("TvTune", tag)), 0u);
   }
@@ -273,22 +274,29 @@ void RunWithUploadsRefused(AgentHarness& agent, const Tags& tags) {
   ASSERT_TRUE(agent.waitForLog("GetUploadToken processed (503)", seconds(15)));
 }
 
+// The queue may hold more than the size limit of the other stored files.
 TEST(DataServices, ItemsQueuedAtTerminationAreUploadedAfterTheRestart) {
+  constexpr unsigned kMaximumDataBytes = 4 * FileUtil::kDefaultMaxBytes;
+  const std::string large(FileUtil::kDefaultMaxBytes + FileUtil::kDefaultMaxBytes / 2, 'b');
   AgentHarness agent;
-  RunWithUploadsRefused(agent, {"a", "b"});
+  RunWithUploadsRefused(agent, {"a", large}, kMaximumDataBytes);
   ASSERT_TRUE(agent.stop());
   LumJson::Value stored;
-  ASSERT_TRUE(JsonUtil::ParseStrict(FileUtil::Load(agent.persistentPath(), "data"), stored));
+  ASSERT_TRUE(JsonUtil::ParseStrict(
+      FileUtil::Load(agent.persistentPath(), "data", kMaximumDataBytes), stored));
   EXPECT_EQ(stored["version"].asInt(), 2);
   EXPECT_EQ(stored["dataItems"].size(), 2u);
   EXPECT_EQ(LumSubmitDataItem(Item("TvTune", "stopped").c_str()), LUM_RESULT_NOT_INITIALIZED);
 
   agent.backend().clearFaults();
-  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(65536)), LUM_RESULT_SUCCESS);
-  // Taken over at once, so a crash cannot upload them twice.
-  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "data"), "");
+  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(kMaximumDataBytes)), LUM_RESULT_SUCCESS);
   ASSERT_TRUE(WaitFor([&] { return ArrivedTags(agent).size() >= 2; }, seconds(15)));
-  EXPECT_EQ(ArrivedTags(agent), (Tags{"a", "b"}));
+  EXPECT_TRUE(ArrivedTags(agent) == (Tags{"a", large}));
+  // Kept until its items have left, then dropped, so a crash from here on
+  // does not bring them back.
+  EXPECT_TRUE(WaitFor(
+      [&] { return FileUtil::Load(agent.persistentPath(), "data", kMaximumDataBytes).empty(); },
+      seconds(10)));
 }
 
 TEST(DataServices, AFactoryResetLosesTheQueuedItems) {

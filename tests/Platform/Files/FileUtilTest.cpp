@@ -6,6 +6,7 @@
 #include "Platform/FileOperations.h"
 #include "Platform/FileUtil.h"
 #include "gtest/gtest.h"
+#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 
 namespace {
@@ -80,13 +81,15 @@ TEST(FileUtil, MissingAndInvalidNames) {
   EXPECT_TRUE(Listing(dir).empty());
 }
 
-TEST(FileUtil, FileWithoutChecksumLoadsAsIsAndBecomesTheFallback) {
+TEST(FileUtil, FileWithoutChecksumLoadsIfJsonAndBecomesTheFallback) {
   TempDir dir;
   WriteFile(dir.file("core"), "hand written");
-  EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "hand written");
+  EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "");
+  WriteFile(dir.file("core"), "{\"hand\": \"written\"}\n");
+  EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "{\"hand\": \"written\"}\n");
   ASSERT_TRUE(FileUtil::Store(dir.path(), "core", "stored"));
   WriteFile(dir.file("core"), "stored, then damaged");
-  EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "hand written");
+  EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "{\"hand\": \"written\"}\n");
 }
 
 // The newest content truncated, changed in one byte or emptied after "old"
@@ -98,9 +101,69 @@ TEST(FileUtil, DamagedNewestFallsBackToThePreviousGoodVersion) {
     ASSERT_TRUE(FileUtil::Store(dir.path(), "core", "{\"gidToken\":\"new\"}"));
     WriteFile(dir.file("core"), damaged);
     EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "old") << damaged;
-    // Without the sidecar nothing is checked: the file loads as it is.
+  }
+}
+
+// Without a sidecar to check against, a torn newest file is told apart by not
+// being a whole JSON document; the next Store must keep the intact previous
+// version as its fallback, not the torn text.
+TEST(FileUtil, UnreadableChecksumTrustsOnlyWholeJson) {
+  const std::string v1 = "{\"v\":1}", v2 = "{\"v\":2,\"pad\":\"xx\"}", v3 = "{\"v\":3}";
+  const std::string torn = v2.substr(0, 7);
+  for (const char* sidecar :
+       {static_cast<const char*>(nullptr), "", "lumfile 1\n1 8 ", "lumfile 1\nnot a line\n"}) {
+    SCOPED_TRACE(sidecar == nullptr ? "no sidecar" : sidecar);
+    TempDir dir;
+    ASSERT_TRUE(FileUtil::Store(dir.path(), "core", v1));
+    ASSERT_TRUE(FileUtil::Store(dir.path(), "core", v2));
+    if (sidecar == nullptr) {
+      std::filesystem::remove(dir.file("core.sum"));
+    } else {
+      WriteFile(dir.file("core.sum"), sidecar);
+    }
+    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), v2);
+    WriteFile(dir.file("core"), torn);
+    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), v1);
+    ASSERT_TRUE(FileUtil::Store(dir.path(), "core", v3));
+    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), v3);
+    WriteFile(dir.file("core"), torn);
+    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), v1);
     std::filesystem::remove(dir.file("core.sum"));
-    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), damaged);
+    WriteFile(dir.file("core.prev"), torn);
+    EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "");
+  }
+}
+
+// An oversized version is skipped without being read in whole; Store refuses
+// what Load would skip, unless the caller loads with a larger limit.
+TEST(FileUtil, VersionsOverTheSizeLimitAreIgnored) {
+  struct CountingOperations : FileOperations {
+    CountingOperations() { FileUtil::SetOperations(this); }
+    ~CountingOperations() override { FileUtil::SetOperations(nullptr); }
+    ssize_t read(int fd, void* b, size_t n) override {
+      const ssize_t got = FileOperations::read(fd, b, n);
+      bytes += got > 0 ? static_cast<size_t>(got) : 0;
+      return got;
+    }
+    size_t bytes = 0;
+  };
+  constexpr size_t kLimit = FileUtil::kDefaultMaxBytes;
+  const std::string big = "[\"" + std::string(2 * kLimit, 'x') + "\"]";
+  TempDir dir;
+  ASSERT_TRUE(FileUtil::Store(dir.path(), "data", "[1]"));
+  EXPECT_FALSE(FileUtil::Store(dir.path(), "data", big));
+  ASSERT_TRUE(FileUtil::Store(dir.path(), "data", big, 3 * kLimit));
+  EXPECT_TRUE(FileUtil::Load(dir.path(), "data", 3 * kLimit) == big);
+  for (bool checksum : {true, false}) {
+    SCOPED_TRACE(checksum ? "with checksum" : "without checksum");
+    if (!checksum) std::filesystem::remove(dir.file("data.sum"));
+    LumTest::LogCapture log("warning");
+    CountingOperations counting;
+    const std::string loaded = FileUtil::Load(dir.path(), "data");
+    EXPECT_TRUE(loaded == "[1]") << loaded.size() << " bytes loaded";
+    EXPECT_LT(counting.bytes, kLimit + 4096);
+    EXPECT_TRUE(log.logged(dir.file("data") + " is larger than 1048576 bytes, ignoring it"))
+        << log.text();
   }
 }
 
