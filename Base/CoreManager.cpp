@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -36,6 +37,7 @@ namespace {
 
 constexpr int kCore = FP::SERVICE_CORE;
 constexpr unsigned kMaxBadSynchs = 3;
+constexpr unsigned long long kMinimumDelayMs = 100;
 constexpr const char* kStatusFrame = "----------------------------------------------------";
 
 // Copies a text into a malloc'd field; a failed allocation leaves it null.
@@ -418,6 +420,9 @@ void CoreManager::updateTimestamp(const timespec& base, timespec& out, unsigned 
     RandomUtil::GetBytes(&random, sizeof random);
     delay += random % variedMs + 1;
   }
+  // The delays come from the back end; one pushed as 0 against a back end
+  // that answers at once would make a busy loop of calls.
+  delay = std::max(delay, kMinimumDelayMs);
   out = AddMilliseconds(base, delay);
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "calculated %u.%03us delay",
           static_cast<unsigned>(delay / 1000), static_cast<unsigned>(delay % 1000));

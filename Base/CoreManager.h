@@ -75,7 +75,8 @@ class CoreManager : private ControlCycle {
   void setRequestHeaderAuthorizedGid(Http::Request& request);
   void setRequestIdentity(Http::Request& request);
 
-  // out := base + fixedMs, or + fixedMs + (random mod variedMs) + 1 ms.
+  // out := base + fixedMs, or + fixedMs + (random mod variedMs) + 1 ms; never
+  // less than 100 ms after base.
   static void updateTimestamp(const timespec& base, timespec& out, unsigned fixedMs,
                               unsigned variedMs);
 

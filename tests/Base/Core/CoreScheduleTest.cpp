@@ -2,18 +2,19 @@
 // what, when, and what the answers change.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 
-#include "agent/AgentHarness.h"
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
+#include "agent/AgentHarness.h"
 
 namespace {
 
+using Lum::Core::JsonUtil;
 using LumTest::AgentHarness;
 using LumTest::QuickTunables;
 using LumTest::WaitFor;
-using Lum::Core::JsonUtil;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
@@ -24,6 +25,14 @@ constexpr char kNotify[] = "da/notification";
 constexpr char kGidPath[] = "/api/v1/da/gidtoken";
 constexpr char kStatePath[] = "/api/v1/da/state";
 constexpr char kNotifyPath[] = "/api/v1/da/notification";
+
+LumJson::Value JsonFilter(const char* service, const char* category, const char* severity) {
+  LumJson::Value filter(LumJson::objectValue);
+  filter["service"] = service;
+  filter["category"] = category;
+  filter["severity"] = severity;
+  return filter;
+}
 
 std::vector<std::string> Expect(std::initializer_list<const char*> paths) {
   return std::vector<std::string>(paths.begin(), paths.end());
@@ -62,8 +71,8 @@ TEST(CoreSchedule, FreshDeviceRegistersAtOnceSynchronisesThenPollsAfterThePollDe
   EXPECT_EQ(view.reportedState["daSwVersion"].asString(), "1.0.0");
   EXPECT_TRUE(view.reportedState.isMember("daVersion"));
   EXPECT_TRUE(view.reportedState.isMember("suCheckForSoftwareUpdate"));
-  EXPECT_EQ(requests[0].host, AgentHarness::kOpid + "-da.lum.localhost:" +
-                                  std::to_string(agent.backend().port()));
+  EXPECT_EQ(requests[0].host,
+            AgentHarness::kOpid + "-da.lum.localhost:" + std::to_string(agent.backend().port()));
   EXPECT_TRUE(agent.stop());
 }
 
@@ -120,10 +129,72 @@ TEST(CoreSchedule, ThreeFailedSynchronisationsInARowStopTheImmediateRetry) {
   agent.seedPersistedValues(QuickTunables(60000, 60000));
   ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
   ASSERT_TRUE(agent.backend().waitForRequests(kStatePath, 3, seconds(10)));
-  ASSERT_TRUE(agent.waitForLog("Too many SynchronizeCoreState calls in a row, delaying", seconds(5)));
+  ASSERT_TRUE(
+      agent.waitForLog("Too many SynchronizeCoreState calls in a row, delaying", seconds(5)));
   // A fourth synchronisation would follow at once if the rule did not hold.
   EXPECT_FALSE(agent.backend().waitForRequests(kStatePath, 4, milliseconds(800)));
   EXPECT_EQ(agent.calls(), Expect({kGid, kState, kState, kState}));
+  EXPECT_TRUE(agent.stop());
+}
+
+// The refusals counted against a token say nothing about the next one: once
+// the back end has retired the token, the new one is synchronised at once.
+TEST(CoreSchedule, ANewTokenStartsTheCountOfFailedSynchronisationsAgain) {
+  AgentHarness agent;
+  agent.backend().setSynchronizedAnswer(false);
+  agent.seedPersistedValues(QuickTunables(300, 300));
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(
+      agent.waitForLog("Too many SynchronizeCoreState calls in a row, delaying", seconds(5)));
+  agent.backend().setSynchronizedAnswer(true);
+  agent.backend().revokeGidToken();
+  // Without the fresh count the held-back call is another registration,
+  // every poll period, and the device never polls again.
+  ASSERT_TRUE(agent.backend().waitForRequests(kNotifyPath, 1, seconds(10)));
+  const auto calls = agent.calls();
+  const auto second = std::find(calls.begin() + 1, calls.end(), kGid);
+  ASSERT_NE(second, calls.end());
+  ASSERT_NE(second + 1, calls.end());
+  EXPECT_EQ(*(second + 1), kState);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), kGid), 2);
+  EXPECT_TRUE(agent.stop());
+}
+
+// Delays pushed as 0 against a back end that answers at once must not turn
+// the poll into a busy loop (thousands of calls a second): a floor of 100 ms
+// separates any two calls.
+TEST(CoreSchedule, DelaysPushedAsZeroStillPauseBetweenCalls) {
+  AgentHarness agent;
+  agent.backend().pushTunables(QuickTunables(0, 0));
+  ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForRequests(kNotifyPath, 1, seconds(10)));
+  const auto first = Clock::now();
+  ASSERT_TRUE(agent.backend().waitForRequests(kNotifyPath, 6, seconds(10)));
+  EXPECT_GE(Clock::now() - first, milliseconds(450));
+  EXPECT_TRUE(agent.stop());
+}
+
+// An answer nested deeper than the JSON reader allows, with every debug log
+// that dumps answers switched on, is a malformed answer like any other.
+TEST(CoreSchedule, AnAnswerNestedFiveThousandDeepIsIgnored) {
+  AgentHarness agent;
+  agent.backend().pushTunables(QuickTunables(300, 300));
+  const std::string nested = std::string(5000, '[') + std::string(5000, ']');
+  agent.backend().addRoute(kNotifyPath,
+                           [nested](const Lum::Tools::RecordedRequest&, Lum::Tools::Reply& reply) {
+                             reply.json(200, "{\"daStateSynchronized\":" + nested + "}");
+                           });
+  LumJson::Value logger(LumJson::objectValue);
+  logger["type"] = "file";
+  logger["argument"] = agent.persistentPath() + "/test.log";
+  logger["format"] = "test";
+  logger["filters"].append(JsonFilter("core", "test", "debug"));
+  logger["filters"].append(JsonFilter("core", "webservice", "debug"));
+  LumJson::Value core(LumJson::objectValue);
+  core["loggers"].append(logger);
+  ASSERT_EQ(agent.init(core), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.backend().waitForRequests(kNotifyPath, 3, seconds(10)));
+  EXPECT_EQ(agent.state(), LumDeviceAgentInitialized);
   EXPECT_TRUE(agent.stop());
 }
 
