@@ -467,6 +467,13 @@ void Http::SetCommonOptions(Request& request, Response& response, curl_slist* he
   LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L);
+  // libcurl loads its compiled-in CA file and directory into the context's
+  // store after the SSL-context callback has run, and may swap in a store
+  // cached from an earlier transfer: either would trust the system's CAs
+  // besides the identity's, for the server and for its OCSP staple alike.
+  LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
   LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));

@@ -1,7 +1,13 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -10,6 +16,8 @@
 #include "HttpTestSupport.h"
 #include "Platform/Http.h"
 #include "support/LogCapture.h"
+#include "support/TestSupport.h"
+#include "tools/pki/OpenSslHandles.h"
 
 namespace {
 
@@ -183,8 +191,7 @@ TEST_F(HttpTest, StalledAnswerEndsAtTheMessageTimeout) {
 }
 
 // Every way the TLS policy can refuse a connection ends as status 400 without
-// a request reaching the back end. The default trust store of the process
-// names the untrusted CA throughout (see HttpTestSupport).
+// a request reaching the back end.
 TEST(HttpTlsTest, PolicyViolationsFailWith400) {
   struct Case {
     const char* name;
@@ -234,6 +241,103 @@ TEST(HttpTlsTest, PolicyViolationsFailWith400) {
     EXPECT_EQ(nullptr, request.handle);
     EXPECT_EQ(0u, backend->requestCount());
   }
+}
+
+// libcurl's compiled-in CA file or directory, as it reports them; empty when
+// it names none.
+std::string DefaultCaLocation(CURLINFO info) {
+  std::string location;
+  CURL* probe = curl_easy_init();
+  char* reported = nullptr;
+  if (probe != nullptr && curl_easy_getinfo(probe, info, &reported) == CURLE_OK &&
+      reported != nullptr) {
+    location = reported;
+  }
+  curl_easy_cleanup(probe);
+  return location;
+}
+
+// libcurl fills the trust store from its compiled-in CA file and directory
+// after the SSL-context callback has installed the request's CAs. On a thread
+// of its own mount namespace each is overlaid in turn so that it also names
+// the untrusted CA: a server that CA issued (with a good staple from it) must
+// still be refused.
+TEST(HttpTlsTest, TheSystemTrustStoreIsNeverConsulted) {
+  const std::string caFile = DefaultCaLocation(CURLINFO_CAINFO);
+  const std::string caPath = DefaultCaLocation(CURLINFO_CAPATH);
+  if (caFile.empty() || caPath.empty() || access(caFile.c_str(), R_OK) != 0) {
+    GTEST_SKIP() << "libcurl names no readable default CA file and directory";
+  }
+  const std::string untrustedCa = Pki().untrustedCaCertPem();
+  X509Ptr untrustedCert = ReadCertPem(untrustedCa);
+  ASSERT_TRUE(untrustedCert);
+  char hashName[16];
+  std::snprintf(hashName, sizeof hashName, "%08lx.0", X509_subject_name_hash(untrustedCert.get()));
+  LumTest::TempDir dir;
+  LumTest::WriteFile(dir.file("bundle.pem"), LumTest::ReadFile(caFile) + untrustedCa);
+  LumTest::TempDir hashDir;
+  LumTest::WriteFile(hashDir.file(hashName), untrustedCa);
+  BackendOptions options;
+  options.serverCert = ServerCertKind::UntrustedCa;
+  auto backend = StartBackend(options);
+  ASSERT_NE(nullptr, backend);
+
+  const std::pair<std::string, std::string> overlays[] = {
+      {dir.file("bundle.pem"), caFile},  // the system bundle plus the untrusted CA
+      {hashDir.path(), caPath},          // a hashed directory of the untrusted CA alone
+  };
+  for (const auto& [source, target] : overlays) {
+    SCOPED_TRACE(target);
+    int unshareError = 0;
+    std::string mountError;
+    Http::Response response;
+    std::thread([&] {
+      if (unshare(CLONE_NEWNS) != 0) {
+        unshareError = errno;
+        return;
+      }
+      // Private first, so that the overlay stays in this namespace.
+      if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        mountError = std::strerror(errno);
+        return;
+      }
+      Http::Request request = DeviceRequest(Http::GET, backend->baseUrl("OPID") + "/test/method");
+      Http::Perform(request, response);
+    }).join();
+    if (unshareError == EPERM) {
+      GTEST_SKIP() << "no mount namespace of our own: " << std::strerror(unshareError);
+    }
+    ASSERT_EQ(0, unshareError) << std::strerror(unshareError);
+    ASSERT_EQ("", mountError);
+    EXPECT_EQ(400, response.statusCode);
+    EXPECT_EQ(0u, backend->requestCount());
+  }
+}
+
+// A kept handle remembers the store libcurl cached for its first connection;
+// a later request must be checked against its own CAs only.
+TEST(HttpTlsTest, AKeptHandleTrustsNoEarlierRequestsCas) {
+  BackendOptions options;
+  auto trusted = StartBackend(options);
+  options.serverCert = ServerCertKind::UntrustedCa;
+  auto untrusted = StartBackend(options);
+  ASSERT_TRUE(trusted && untrusted);
+  const std::string bothCas = Pki().caCertPem() + Pki().untrustedCaCertPem();
+  Http::Request request = DeviceRequest(Http::GET, trusted->baseUrl("OPID") + "/test/method");
+  request.caCertificates = bothCas.c_str();
+  request.keepAlive = true;
+  Http::Response response;
+  Http::Perform(request, response);
+  ASSERT_EQ(200, response.statusCode);
+  ASSERT_NE(nullptr, request.handle);
+
+  request.caCertificates = Pki().caCertPem().c_str();
+  request.url = untrusted->baseUrl("OPID") + "/test/method";
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_EQ(0u, untrusted->requestCount());
+  Http::Cleanup(request);
 }
 
 TEST_F(HttpTest, ConcurrentPerformsFromSeveralThreads) {
