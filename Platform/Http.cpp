@@ -477,6 +477,10 @@ void Http::SetCommonOptions(Request& request, Response& response, curl_slist* he
   LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
   LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  // The back end speaks HTTPS only; any other scheme in a configured or
+  // redirected URL (file, plain http, ...) would bypass TLS altogether.
+  LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https");
+  LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https");
   LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
   LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
   LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));

@@ -190,6 +190,18 @@ TEST_F(HttpTest, StalledAnswerEndsAtTheMessageTimeout) {
   EXPECT_LT(elapsed, kStall / 2);
 }
 
+// Only HTTPS goes out: libcurl would otherwise read a local file for a
+// "file://" URL and hand its content back as the answer.
+TEST(HttpProtocolTest, AFileUrlReadsNothing) {
+  LumTest::TempDir dir;
+  LumTest::WriteFile(dir.file("secret.txt"), "local secret");
+  Http::Request request = DeviceRequest(Http::GET, "file://" + dir.file("secret.txt"));
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_EQ("", response.body);
+}
+
 // Every way the TLS policy can refuse a connection ends as status 400 without
 // a request reaching the back end.
 TEST(HttpTlsTest, PolicyViolationsFailWith400) {
