@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "Base/Injector.h"
@@ -230,15 +231,17 @@ int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size, v
   return 0;
 }
 
-// Option failures are logged under the option's own name and never stop the
-// request: a missing tunable should not cost the call.
+// Option failures are logged under the option's own name. Most never stop
+// the request, a missing tunable should not cost the call; only the options
+// that protect the connection are checked by the caller.
 template <typename T>
-void SetOption(CURL* handle, CURLoption option, T value, const char* name) {
+bool SetOption(CURL* handle, CURLoption option, T value, const char* name) {
   const CURLcode code = curl_easy_setopt(handle, option, value);
   if (code != CURLE_OK) {
     LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name, static_cast<int>(code),
             curl_easy_strerror(code));
   }
+  return code == CURLE_OK;
 }
 #define LUM_SET_OPTION(handle, option, value) SetOption((handle), (option), (value), #option)
 
@@ -425,10 +428,16 @@ void Http::Perform(Request& request, Response& response) {
   }
 
   curl_slist* headerList = BuildHeaderList(request.headers);
-  SetCommonOptions(request, response, headerList);
-  curl_httppost* form = SetVerbOptions(request);
-
-  const CURLcode code = curl_easy_perform(request.handle);
+  curl_httppost* form = nullptr;
+  bool performed = false;
+  CURLcode code = CURLE_OK;
+  if (!SetCommonOptions(request, response, headerList)) {
+    LUM_LOG(kCore, kWeb, kError, "TLS protection incomplete, the request is not sent");
+  } else {
+    form = SetVerbOptions(request);
+    code = curl_easy_perform(request.handle);
+    performed = true;
+  }
 
   if (form != nullptr) {
     FreeForm(form);
@@ -437,7 +446,7 @@ void Http::Perform(Request& request, Response& response) {
   request.headers.clear();
   request.body.clear();
 
-  if (code == CURLE_OK) {
+  if (performed && code == CURLE_OK) {
     ReadTransferInfo(request, response);
     if (request.keepAlive) {
       // The options just used point at the form, header list and body freed
@@ -446,7 +455,7 @@ void Http::Perform(Request& request, Response& response) {
       curl_easy_reset(request.handle);
       return;
     }
-  } else {
+  } else if (performed) {
     LUM_LOG(kCore, kWeb, kInfo, "curl_easy_perform() failed with code %d - \"%s\"",
             static_cast<int>(code), curl_easy_strerror(code));
   }
@@ -455,32 +464,39 @@ void Http::Perform(Request& request, Response& response) {
   request.handle = nullptr;
 }
 
-void Http::SetCommonOptions(Request& request, Response& response, curl_slist* headerList) {
+bool Http::SetCommonOptions(Request& request, Response& response, curl_slist* headerList) {
   CURL* handle = request.handle;
   if (Logger::Instance().test(kCore, kWeb, kTrace)) {
     LUM_SET_OPTION(handle, CURLOPT_VERBOSE, 1L);
     LUM_SET_OPTION(handle, CURLOPT_DEBUGFUNCTION, DebugCallback);
   }
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request));
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback);
+  // Without any one of these the request would go out less protected than
+  // it claims (unverified, over an old protocol, trusting the system's CAs or
+  // over another scheme), so a failure to set one stops it. All are tried,
+  // in order, so that every failure is logged.
+  const bool secured[] = {
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request)),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)),
+      // libcurl loads its compiled-in CA file and directory into the
+      // context's store after the SSL-context callback has run, and may swap
+      // in a store cached from an earlier transfer: either would trust the
+      // system's CAs besides the identity's, for the server and for its OCSP
+      // staple alike.
+      LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L),
+      // The back end speaks HTTPS only; any other scheme in a configured or
+      // redirected URL (file, plain http, ...) would bypass TLS altogether.
+      LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https"),
+      LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https"),
+  };
   LUM_SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L);
-  // libcurl loads its compiled-in CA file and directory into the context's
-  // store after the SSL-context callback has run, and may swap in a store
-  // cached from an earlier transfer: either would trust the system's CAs
-  // besides the identity's, for the server and for its OCSP staple alike.
-  LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr));
-  LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
-  LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
   LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
-  LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  // The back end speaks HTTPS only; any other scheme in a configured or
-  // redirected URL (file, plain http, ...) would bypass TLS altogether.
-  LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https");
-  LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https");
   LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
   LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
   LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
@@ -498,6 +514,7 @@ void Http::SetCommonOptions(Request& request, Response& response, curl_slist* he
     LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
   }
   LUM_SET_OPTION(handle, CURLOPT_HTTPHEADER, headerList);
+  return std::all_of(std::begin(secured), std::end(secured), [](bool set) { return set; });
 }
 
 curl_httppost* Http::SetVerbOptions(Request& request) {

@@ -14,8 +14,9 @@ namespace Core {
 // The agent's one HTTPS transport: a static class over libcurl's easy
 // interface. Every transfer is TLS with both ends verified; the client
 // certificate, its key and the trusted CAs come from memory, never from files,
-// and only the given CAs are trusted. Transport failures of any kind read as
-// status 400, so callers treat them like a rejected request.
+// and only the given CAs are trusted. A request is not sent at all when libcurl
+// refuses one of the options that protect it. Transport failures of any kind
+// read as status 400, so callers treat them like a rejected request.
 class Http {
  public:
   // A fixed underlying type keeps any number a valid Verb: values outside the
@@ -80,7 +81,8 @@ class Http {
   static const char* VerbToString(int verb);
 
  private:
-  static void SetCommonOptions(Request& request, Response& response, curl_slist* headerList);
+  // False when an option that protects the connection could not be set.
+  static bool SetCommonOptions(Request& request, Response& response, curl_slist* headerList);
   static curl_httppost* SetVerbOptions(Request& request);
   static void ReadTransferInfo(Request& request, Response& response);
 
