@@ -242,13 +242,25 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
   return size * count;
 }
 
+bool Cancelled(const Http::Request& request) {
+  return request.cancel != nullptr && request.cancel->load();
+}
+
+// What the progress callback of one transfer works with.
+struct Progress {
+  const Http::Request* request;
+  Http::Response* response;
+};
+
+// libcurl calls this at least once a second, also while nothing arrives, so
+// a cancel is noticed promptly; non-zero makes libcurl abandon the transfer.
 int ProgressCallback(void* userData, curl_off_t /*downloadTotal*/, curl_off_t /*downloadNow*/,
                      curl_off_t uploadTotal, curl_off_t uploadNow) {
-  Http::Response* response = static_cast<Http::Response*>(userData);
+  Progress* progress = static_cast<Progress*>(userData);
   if (uploadNow == uploadTotal && uploadNow >= 1) {
-    response->uploadComplete = true;
+    progress->response->uploadComplete = true;
   }
-  return 0;
+  return Cancelled(*progress->request) ? 1 : 0;
 }
 
 const char* DebugLabel(curl_infotype type) {
@@ -386,6 +398,109 @@ void FreeForm(curl_httppost* form) {
 
 #pragma GCC diagnostic pop
 
+// False when an option that protects the connection could not be set.
+bool SetCommonOptions(Http::Request& request, Http::Response& response, curl_slist* headerList,
+                      Progress* progress) {
+  CURL* handle = request.handle;
+  if (Logger::Instance().test(kCore, kWeb, kTrace)) {
+    LUM_SET_OPTION(handle, CURLOPT_VERBOSE, 1L);
+    LUM_SET_OPTION(handle, CURLOPT_DEBUGFUNCTION, DebugCallback);
+  }
+  // Without any one of these the request would go out less protected than
+  // it claims (unverified, over an old protocol, trusting the system's CAs or
+  // over another scheme), so a failure to set one stops it. All are tried,
+  // in order, so that every failure is logged.
+  const bool secured[] = {
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request)),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)),
+      // libcurl loads its compiled-in CA file and directory into the
+      // context's store after the SSL-context callback has run, and may swap
+      // in a store cached from an earlier transfer: either would trust the
+      // system's CAs besides the identity's, for the server and for its OCSP
+      // staple alike.
+      LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L),
+      // The back end speaks HTTPS only; any other scheme in a configured or
+      // redirected URL (file, plain http, ...) would bypass TLS altogether.
+      LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https"),
+      LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https"),
+  };
+  LUM_SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
+  LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
+  LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
+  LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
+  LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
+  LUM_SET_OPTION(handle, CURLOPT_HEADERFUNCTION, HeaderCallback);
+  LUM_SET_OPTION(handle, CURLOPT_HEADERDATA, static_cast<void*>(&response.headers));
+  LUM_SET_OPTION(handle, CURLOPT_XFERINFOFUNCTION, ProgressCallback);
+  LUM_SET_OPTION(handle, CURLOPT_XFERINFODATA, static_cast<void*>(progress));
+  LUM_SET_OPTION(handle, CURLOPT_NOPROGRESS, 0L);
+  // Both fit a 32-bit long once clamped, and neither can be 0, which
+  // libcurl reads as no limit at all.
+  const uint32_t connectTimeout = Http::ClampConnectTimeoutMs(request.connectTimeout);
+  LUM_SET_OPTION(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout));
+  LUM_SET_OPTION(handle, CURLOPT_TIMEOUT_MS,
+                 static_cast<long>(Http::ClampMessageTimeoutMs(request.messageTimeout)));
+  // A server silent for longer than we would wait for a connection has
+  // stalled; without this only the message time-out would end the transfer.
+  LUM_SET_OPTION(handle, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  LUM_SET_OPTION(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>((connectTimeout + 999) / 1000));
+  if (request.keepAlive) {
+    LUM_LOG(kCore, kWeb, kDebug, "Setting up reusable curl handle with TCP keep alive");
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveSeconds);
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
+  }
+  LUM_SET_OPTION(handle, CURLOPT_HTTPHEADER, headerList);
+  return std::all_of(std::begin(secured), std::end(secured), [](bool set) { return set; });
+}
+
+curl_httppost* SetVerbOptions(Http::Request& request) {
+  CURL* handle = request.handle;
+  switch (request.verb) {
+    case Http::GET:
+      LUM_SET_OPTION(handle, CURLOPT_HTTPGET, 1L);
+      return nullptr;
+    case Http::DELETE:
+      // Sent in lower case on purpose; the back end accepts exactly this.
+      LUM_SET_OPTION(handle, CURLOPT_CUSTOMREQUEST, "delete");
+      return nullptr;
+    case Http::POST:
+      if (request.data != nullptr) {
+        curl_httppost* form = BuildForm(request);
+        SetFormOption(handle, form);
+        return form;
+      }
+      LUM_SET_OPTION(handle, CURLOPT_POST, 1L);
+      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDS, request.body.c_str());
+      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+      return nullptr;
+  }
+  return nullptr;  // an unknown verb leaves libcurl's default, a GET
+}
+
+void ReadTransferInfo(Http::Request& request, Http::Response& response) {
+  LUM_GET_INFO(request.handle, CURLINFO_RESPONSE_CODE, &response.statusCode);
+  // The whole-number speed queries replace the floating-point ones, which
+  // libcurl has marked deprecated; failures keep the established names.
+  curl_off_t uploadSpeed = 0;
+  curl_off_t downloadSpeed = 0;
+  GetInfo(request.handle, CURLINFO_SPEED_UPLOAD_T, &uploadSpeed, "CURLINFO_SPEED_UPLOAD");
+  GetInfo(request.handle, CURLINFO_SPEED_DOWNLOAD_T, &downloadSpeed, "CURLINFO_SPEED_DOWNLOAD");
+  response.uploadSpeed = static_cast<double>(uploadSpeed);
+  response.downloadSpeed = static_cast<double>(downloadSpeed);
+  Http::PrintResponse(request, response);
+  if (response.statusCode >= 300) {
+    LUM_LOG(kCore, kWeb, kDebug, "HTTP Status: %d", static_cast<int>(response.statusCode));
+  }
+}
+
 }  // namespace
 
 Mutex Http::globalMutex_;
@@ -450,6 +565,14 @@ void Http::Cleanup(Request& request) {
   }
 }
 
+uint32_t Http::ClampConnectTimeoutMs(uint32_t milliseconds) {
+  return std::clamp(milliseconds, kMinTimeoutMs, kMaxConnectTimeoutMs);
+}
+
+uint32_t Http::ClampMessageTimeoutMs(uint32_t milliseconds) {
+  return std::clamp(milliseconds, kMinTimeoutMs, kMaxMessageTimeoutMs);
+}
+
 void Http::Perform(Request& request, Response& response) {
   LUM_TRACE(kCore);
   response.statusCode = 400;
@@ -478,10 +601,13 @@ void Http::Perform(Request& request, Response& response) {
 
   curl_slist* headerList = BuildHeaderList(request.headers);
   curl_httppost* form = nullptr;
+  Progress progress{&request, &response};
   bool performed = false;
   CURLcode code = CURLE_OK;
-  if (!SetCommonOptions(request, response, headerList)) {
+  if (!SetCommonOptions(request, response, headerList, &progress)) {
     LUM_LOG(kCore, kWeb, kError, "TLS protection incomplete, the request is not sent");
+  } else if (Cancelled(request)) {
+    LUM_LOG(kCore, kWeb, kInfo, "Request cancelled, not sent");
   } else {
     form = SetVerbOptions(request);
     code = curl_easy_perform(request.handle);
@@ -511,99 +637,6 @@ void Http::Perform(Request& request, Response& response) {
   LUM_LOG(kCore, kWeb, kDebug, "curl_easy_cleanup()");
   curl_easy_cleanup(request.handle);
   request.handle = nullptr;
-}
-
-bool Http::SetCommonOptions(Request& request, Response& response, curl_slist* headerList) {
-  CURL* handle = request.handle;
-  if (Logger::Instance().test(kCore, kWeb, kTrace)) {
-    LUM_SET_OPTION(handle, CURLOPT_VERBOSE, 1L);
-    LUM_SET_OPTION(handle, CURLOPT_DEBUGFUNCTION, DebugCallback);
-  }
-  // Without any one of these the request would go out less protected than
-  // it claims (unverified, over an old protocol, trusting the system's CAs or
-  // over another scheme), so a failure to set one stops it. All are tried,
-  // in order, so that every failure is logged.
-  const bool secured[] = {
-      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request)),
-      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback),
-      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L),
-      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L),
-      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L),
-      LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)),
-      // libcurl loads its compiled-in CA file and directory into the
-      // context's store after the SSL-context callback has run, and may swap
-      // in a store cached from an earlier transfer: either would trust the
-      // system's CAs besides the identity's, for the server and for its OCSP
-      // staple alike.
-      LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr)),
-      LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr)),
-      LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L),
-      // The back end speaks HTTPS only; any other scheme in a configured or
-      // redirected URL (file, plain http, ...) would bypass TLS altogether.
-      LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https"),
-      LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https"),
-  };
-  LUM_SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
-  LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
-  LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
-  LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
-  LUM_SET_OPTION(handle, CURLOPT_HEADERFUNCTION, HeaderCallback);
-  LUM_SET_OPTION(handle, CURLOPT_HEADERDATA, static_cast<void*>(&response.headers));
-  LUM_SET_OPTION(handle, CURLOPT_XFERINFOFUNCTION, ProgressCallback);
-  LUM_SET_OPTION(handle, CURLOPT_XFERINFODATA, static_cast<void*>(&response));
-  LUM_SET_OPTION(handle, CURLOPT_NOPROGRESS, 0L);
-  LUM_SET_OPTION(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout));
-  LUM_SET_OPTION(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.messageTimeout));
-  if (request.keepAlive) {
-    LUM_LOG(kCore, kWeb, kDebug, "Setting up reusable curl handle with TCP keep alive");
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPALIVE, 1L);
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveSeconds);
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
-  }
-  LUM_SET_OPTION(handle, CURLOPT_HTTPHEADER, headerList);
-  return std::all_of(std::begin(secured), std::end(secured), [](bool set) { return set; });
-}
-
-curl_httppost* Http::SetVerbOptions(Request& request) {
-  CURL* handle = request.handle;
-  switch (request.verb) {
-    case GET:
-      LUM_SET_OPTION(handle, CURLOPT_HTTPGET, 1L);
-      return nullptr;
-    case DELETE:
-      // Sent in lower case on purpose; the back end accepts exactly this.
-      LUM_SET_OPTION(handle, CURLOPT_CUSTOMREQUEST, "delete");
-      return nullptr;
-    case POST:
-      if (request.data != nullptr) {
-        curl_httppost* form = BuildForm(request);
-        SetFormOption(handle, form);
-        return form;
-      }
-      LUM_SET_OPTION(handle, CURLOPT_POST, 1L);
-      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDS, request.body.c_str());
-      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
-      return nullptr;
-  }
-  return nullptr;  // an unknown verb leaves libcurl's default, a GET
-}
-
-void Http::ReadTransferInfo(Request& request, Response& response) {
-  LUM_GET_INFO(request.handle, CURLINFO_RESPONSE_CODE, &response.statusCode);
-  // The whole-number speed queries replace the floating-point ones, which
-  // libcurl has marked deprecated; failures keep the established names.
-  curl_off_t uploadSpeed = 0;
-  curl_off_t downloadSpeed = 0;
-  GetInfo(request.handle, CURLINFO_SPEED_UPLOAD_T, &uploadSpeed, "CURLINFO_SPEED_UPLOAD");
-  GetInfo(request.handle, CURLINFO_SPEED_DOWNLOAD_T, &downloadSpeed, "CURLINFO_SPEED_DOWNLOAD");
-  response.uploadSpeed = static_cast<double>(uploadSpeed);
-  response.downloadSpeed = static_cast<double>(downloadSpeed);
-  PrintResponse(request, response);
-  if (response.statusCode >= 300) {
-    LUM_LOG(kCore, kWeb, kDebug, "HTTP Status: %d", static_cast<int>(response.statusCode));
-  }
 }
 
 void Http::PrintRequest(const Request& request) {
