@@ -143,6 +143,7 @@ bool Injector::Apply(const CannedResponse& canned, const Http::Request& request,
     return false;
   }
   response.statusCode = canned.statusCode;
+  response.answered = true;
   if (response.bodyBuffer == nullptr) {
     response.body = canned.body;
   } else if (canned.body.size() <= response.bodyMaxLength) {

@@ -487,6 +487,7 @@ curl_httppost* SetVerbOptions(Http::Request& request) {
 
 void ReadTransferInfo(Http::Request& request, Http::Response& response) {
   LUM_GET_INFO(request.handle, CURLINFO_RESPONSE_CODE, &response.statusCode);
+  response.answered = true;
   // The whole-number speed queries replace the floating-point ones, which
   // libcurl has marked deprecated; failures keep the established names.
   curl_off_t uploadSpeed = 0;
@@ -576,6 +577,7 @@ uint32_t Http::ClampMessageTimeoutMs(uint32_t milliseconds) {
 void Http::Perform(Request& request, Response& response) {
   LUM_TRACE(kCore);
   response.statusCode = 400;
+  response.answered = false;
   response.headers.clear();
   response.body.clear();
   response.bodyOverflow = false;

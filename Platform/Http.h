@@ -61,6 +61,10 @@ class Http {
   // where the next bytes go, so the caller zeroes it before a fresh download.
   struct Response {
     long statusCode = 400;
+    // Whether statusCode is the server's own answer (or the injector's canned
+    // one), as opposed to the 400 of a transfer that failed, even after the
+    // headers arrived: a refusal is final, a failure is worth a retry.
+    bool answered = false;
     std::vector<std::string> headers;  // raw lines as received, CR LF included
     std::string body;
     uint8_t* bodyBuffer = nullptr;

@@ -57,6 +57,7 @@ TEST_F(HttpTest, PostWithDeviceCertificateReachesTheBackEndOnce) {
   Http::Response response;
   Http::Perform(request, response);
   EXPECT_EQ(201, response.statusCode);
+  EXPECT_TRUE(response.answered);
   EXPECT_EQ("{\"echo\":\"payload\"}", response.body);
   ASSERT_FALSE(response.headers.empty());
   EXPECT_EQ(0u, response.headers.front().rfind("HTTP/1.1 201", 0)) << response.headers.front();
@@ -139,14 +140,23 @@ TEST_F(HttpTest, KeepAliveHandleSurvivesSuccessOnly) {
   EXPECT_EQ("delete", seen[1].method);
   EXPECT_EQ("", seen[1].body);
 
-  // libcurl retries once on a fresh connection when a reused one dies, so
-  // the drop must outlast that retry.
+  // The server's own 400 is an answer and keeps the handle; a failed
+  // transfer is not. libcurl retries once on a fresh connection when a
+  // reused one dies, so the drop must outlast that retry.
+  Fault refusal;
+  refusal.status = 400;
+  backend_->injectFault(kEchoPath, refusal);
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_TRUE(response.answered);
+  EXPECT_EQ(kept, request.handle);
   Fault drop;
   drop.drop = true;
   drop.count = -1;
   backend_->injectFault(kEchoPath, drop);
   Http::Perform(request, response);
   EXPECT_EQ(400, response.statusCode);
+  EXPECT_FALSE(response.answered);
   EXPECT_EQ(nullptr, request.handle);
 }
 
@@ -204,6 +214,7 @@ TEST_F(HttpTest, StalledAnswerAlwaysEnds) {
     const auto elapsed = std::chrono::steady_clock::now() - start;
 
     EXPECT_EQ(400, response.statusCode);
+    EXPECT_FALSE(response.answered);
     EXPECT_FALSE(response.headers.empty());  // the headers did arrive before the stall
     EXPECT_EQ(nullptr, request.handle);
     EXPECT_LT(elapsed, kStall / 2);
@@ -316,6 +327,7 @@ TEST(HttpTlsTest, PolicyViolationsFailWith400) {
     Http::Response response;
     Http::Perform(request, response);
     EXPECT_EQ(c.accepted ? 200 : 400, response.statusCode);
+    EXPECT_EQ(c.accepted, response.answered);
     EXPECT_EQ(c.accepted, !response.headers.empty());
     EXPECT_EQ(c.accepted, request.handle != nullptr);
     EXPECT_EQ(c.accepted ? 1u : 0u, backend->requestCount());

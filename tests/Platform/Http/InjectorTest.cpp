@@ -95,6 +95,7 @@ TEST_F(InjectorTest, ScriptedStatusesPlayInTurnAndTheLastRepeats) {
   for (int i = 0; i < 3; ++i) {
     const Http::Response response = perform("da/state");
     EXPECT_EQ(200, response.statusCode);
+    EXPECT_TRUE(response.answered);
     EXPECT_EQ("{}", response.body);  // no body configured
   }
   EXPECT_EQ(4u, Injector::Instance().entries()[0].calls);
@@ -172,6 +173,7 @@ TEST_F(InjectorTest, CancelEndsTheWaitWithoutAnAnswer) {
   canceller.join();
   EXPECT_TRUE(request.mock);
   EXPECT_EQ(400, response.statusCode);
+  EXPECT_FALSE(response.answered);
   EXPECT_LT(elapsed, std::chrono::seconds(10));
   EXPECT_EQ(0u, backend_->requestCount());
 }
