@@ -369,10 +369,15 @@ curl_slist* BuildHeaderList(const std::vector<std::string>& headers) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 curl_httppost* BuildForm(const Http::Request& request) {
+  // A buffer length of 0 makes libcurl take strlen of the buffer, reading up
+  // to a NUL that may lie past its end; an empty string is the same empty
+  // part with the NUL in place.
+  static const char kNoData[] = "";
+  const void* data = request.dataLength == 0 ? static_cast<const void*>(kNoData) : request.data;
   curl_httppost* first = nullptr;
   curl_httppost* last = nullptr;
   CURLFORMcode code = curl_formadd(&first, &last, CURLFORM_COPYNAME, "data", CURLFORM_BUFFER,
-                                   "data", CURLFORM_BUFFERPTR, request.data, CURLFORM_BUFFERLENGTH,
+                                   "data", CURLFORM_BUFFERPTR, data, CURLFORM_BUFFERLENGTH,
                                    static_cast<long>(request.dataLength), CURLFORM_END);
   if (code != CURL_FORMADD_OK) {
     LUM_LOG(kCore, kWeb, kError, "curl_formadd failed with code %d", static_cast<int>(code));

@@ -119,6 +119,22 @@ TEST_F(HttpTest, MultipartUploadCarriesDataAndTokenParts) {
   }
 }
 
+// Zero bytes are zero bytes, however the buffer continues: a buffer without a
+// NUL after it must not be read past its end.
+TEST_F(HttpTest, EmptyUploadSendsAnEmptyDataPart) {
+  const std::unique_ptr<uint8_t[]> bytes(new uint8_t[4]{'a', 'b', 'c', 'd'});
+  Http::Request request = DeviceRequest(Http::POST, url(kEchoPath));
+  request.data = bytes.get();
+  request.dataLength = 0;
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(201, response.statusCode);
+  const std::vector<RecordedRequest> seen = backend_->requestsTo(kEchoPath);
+  ASSERT_EQ(1u, seen.size());
+  ASSERT_NE(nullptr, seen[0].part("data"));
+  EXPECT_EQ("", seen[0].part("data")->content);
+}
+
 TEST_F(HttpTest, KeepAliveHandleSurvivesSuccessOnly) {
   Http::Request request = DeviceRequest(Http::POST, url(kEchoPath));
   request.keepAlive = true;
