@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "Base/Injector.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 
@@ -316,24 +317,10 @@ void GetInfo(CURL* handle, CURLINFO info, T* value, const char* name) {
 }
 #define LUM_GET_INFO(handle, info, value) GetInfo((handle), (info), (value), #info)
 
-std::string CompactJson(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return LumJson::writeString(builder, value);
-}
-
-bool ParseStrict(const std::string& text, LumJson::Value* value) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text.data(), text.data() + text.size(), value, &errors);
-}
-
 // A body that is JSON is shown as JSON; anything else as plain text.
 void AddBody(const std::string& body, LumJson::Value* object) {
   LumJson::Value parsed;
-  if (ParseStrict(body, &parsed)) {
+  if (JsonUtil::ParseStrict(body, parsed)) {
     (*object)["body"] = parsed;
   } else {
     (*object)["bodyString"] = body;
@@ -680,7 +667,7 @@ void Http::PrintRequest(const Request& request) {
     }
     LumJson::Value root(LumJson::objectValue);
     root["httpRequest"] = fields;
-    LUM_LOG(kCore, kTest, kDebug, "%s", CompactJson(root).c_str());
+    LUM_LOG(kCore, kTest, kDebug, "%s", JsonUtil::WriteCompact(root).c_str());
   }
 }
 
@@ -719,7 +706,7 @@ void Http::PrintResponse(const Request& request, const Response& response) {
     }
     LumJson::Value root(LumJson::objectValue);
     root["httpResponse"] = fields;
-    LUM_LOG(kCore, kTest, kDebug, "%s", CompactJson(root).c_str());
+    LUM_LOG(kCore, kTest, kDebug, "%s", JsonUtil::WriteCompact(root).c_str());
   }
 }
 

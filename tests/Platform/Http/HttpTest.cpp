@@ -76,6 +76,29 @@ TEST_F(HttpTest, PostWithDeviceCertificateReachesTheBackEndOnce) {
   EXPECT_EQ("", seen[1].body);
 }
 
+// The debug log shows a JSON body as JSON; one nested deeper than the parser
+// goes (it throws rather than fails) is shown as text, in either direction.
+TEST_F(HttpTest, ADeeplyNestedBodyIsLoggedAsText) {
+  const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+  backend_->addRoute("/api/v1/deep",
+                     [deep](const RecordedRequest&, Reply& reply) { reply.json(200, deep); });
+  LumTest::LogCapture capture("debug");
+  Http::Request request = DeviceRequest(Http::POST, url("/api/v1/deep"));
+  request.body = deep;
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(200, response.statusCode);
+  EXPECT_EQ(deep, response.body);
+  const std::string shown = "\"bodyString\":\"" + deep + "\"";
+  for (const char* direction : {"{\"httpRequest\":", "{\"httpResponse\":"}) {
+    bool logged = false;
+    for (const std::string& message : capture.messages()) {
+      logged |= message.rfind(direction, 0) == 0 && message.find(shown) != std::string::npos;
+    }
+    EXPECT_TRUE(logged) << direction;
+  }
+}
+
 TEST_F(HttpTest, VerbsGoOutWithTheirMethodText) {
   // DELETE in lower case is what the back end expects; an unknown verb falls
   // back to GET.
