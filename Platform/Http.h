@@ -40,14 +40,15 @@ class Http {
     std::string token;  // second multipart part when `data` is set
     const uint8_t* data = nullptr;
     uint32_t dataLength = 0;
-    // Milliseconds, clamped (see ClampConnectTimeoutMs). A server that sends
+    // Milliseconds, as clamped by ClampConnectTimeoutMs. A server that sends
     // nothing for this long, rounded up to whole seconds, has stalled and the
     // transfer ends there.
     uint32_t connectTimeout = 0;
-    uint32_t messageTimeout = 0;  // milliseconds, the whole transfer; clamped likewise
-    bool keepAlive = false;       // keep `handle` and its connection across calls
-    bool mock = false;            // set by the injector: answered without traffic
-    CURL* handle = nullptr;       // owned; released by Http::Cleanup
+    // Milliseconds for the whole transfer, as clamped by ClampMessageTimeoutMs.
+    uint32_t messageTimeout = 0;
+    bool keepAlive = false;  // keep `handle` and its connection across calls
+    bool mock = false;       // set by the injector: answered without traffic
+    CURL* handle = nullptr;  // owned; released by Http::Cleanup
     // Not owned; may be set from another thread. While it reads true a
     // transfer in progress is abandoned, a request not yet sent is not sent
     // and a canned answer's wait ends, all leaving status 400: a terminating
