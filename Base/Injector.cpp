@@ -16,6 +16,8 @@ namespace Core {
 namespace {
 
 const int kCore = FilterProperties::SERVICE_CORE;
+// A canned wait is sliced so that a cancel is noticed within this.
+const std::chrono::milliseconds kCancelPoll(100);
 
 bool EndsWith(const std::string& text, const std::string& suffix) {
   return text.size() >= suffix.size() &&
@@ -27,6 +29,24 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 unsigned ReadUnsigned(const LumJson::Value& object, const char* key, unsigned fallback) {
   const LumJson::Value& value = object[key];
   return value.isUInt() ? value.asUInt() : fallback;
+}
+
+bool Cancelled(const Http::Request& request) {
+  return request.cancel != nullptr && request.cancel->load();
+}
+
+// False as soon as the request is cancelled, true once the wait is over.
+bool WaitUnlessCancelled(unsigned seconds, const Http::Request& request) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (!Cancelled(request)) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= end) {
+      return true;
+    }
+    std::this_thread::sleep_for(
+        std::min<std::chrono::steady_clock::duration>(end - now, kCancelPoll));
+  }
+  return false;
 }
 
 }  // namespace
@@ -97,7 +117,9 @@ void Injector::mock(Http::Request& request, Http::Response& response) {
   }
   request.mock = true;
   for (const CannedResponse& canned : answers) {
-    Apply(canned, response);
+    if (!Apply(canned, request, response)) {
+      return;
+    }
   }
 }
 
@@ -116,11 +138,13 @@ std::vector<Injector::CannedResponse> Injector::takeMatchingResponses(const std:
   return answers;
 }
 
-void Injector::Apply(const CannedResponse& canned, Http::Response& response) {
-  if (canned.duration != 0) {
-    std::this_thread::sleep_for(std::chrono::seconds(canned.duration));
+bool Injector::Apply(const CannedResponse& canned, const Http::Request& request,
+                     Http::Response& response) {
+  if (!WaitUnlessCancelled(canned.duration, request)) {
+    return false;
   }
   response.statusCode = canned.statusCode;
+  response.answered = true;
   if (response.bodyBuffer == nullptr) {
     response.body = canned.body;
   } else if (canned.body.size() <= response.bodyMaxLength) {
@@ -130,6 +154,7 @@ void Injector::Apply(const CannedResponse& canned, Http::Response& response) {
     response.bodyLength = static_cast<uint32_t>(canned.body.size());
   }
   response.headers.insert(response.headers.end(), canned.headers.begin(), canned.headers.end());
+  return true;
 }
 
 void Injector::terminate() {

@@ -18,7 +18,7 @@ class Injector {
  public:
   struct CannedResponse {
     unsigned statusCode = 0;
-    unsigned duration = 0;  // seconds to wait before answering
+    unsigned duration = 0;  // seconds to wait before answering; a cancel cuts it short
     std::string body = "{}";
     std::vector<std::string> headers;  // whole header lines
   };
@@ -36,7 +36,9 @@ class Injector {
   // are kept.
   void initialize(const LumJson::Value& injectors);
 
-  // Clears request.mock, then applies every matching entry in order.
+  // Clears request.mock, then applies every matching entry in order. A
+  // request cancelled before or during an answer's wait gets no further
+  // answers, like a transfer abandoned on the network.
   void mock(Http::Request& request, Http::Response& response);
 
   void terminate();
@@ -50,7 +52,9 @@ class Injector {
   static bool ParseEntry(const LumJson::Value& element, Entry* entry);
   static CannedResponse ParseResponse(const LumJson::Value& element);
   std::vector<CannedResponse> takeMatchingResponses(const std::string& url);
-  static void Apply(const CannedResponse& canned, Http::Response& response);
+  // False, with nothing applied, when the request was cancelled first.
+  static bool Apply(const CannedResponse& canned, const Http::Request& request,
+                    Http::Response& response);
 
   // Held only while entries are chosen and counted, never while a canned
   // duration is waited out, so slow answers on one thread do not hold up

@@ -1,15 +1,18 @@
 #include "Platform/Http.h"
 
 #include <openssl/bio.h>
+#include <openssl/ocsp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "Base/Injector.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Logger.h"
 
@@ -30,6 +33,11 @@ const int kDebug = FilterProperties::SEVERITY_DEBUG;
 const int kTrace = FilterProperties::SEVERITY_TRACE;
 
 const long kKeepAliveSeconds = 10;
+
+// An OCSP answer without nextUpdate never expires by libcurl's own check; one
+// older than this is refused. The leeway allows for a clock a little off.
+const long kOcspMaxAgeSeconds = 7L * 24 * 60 * 60;
+const long kOcspClockLeewaySeconds = 300;
 
 struct BioDeleter {
   void operator()(BIO* bio) const { BIO_free(bio); }
@@ -148,6 +156,44 @@ bool InstallTrustedCertificates(SSL_CTX* ctx, const Http::Request& request) {
   return true;
 }
 
+struct OcspResponseDeleter {
+  void operator()(OCSP_RESPONSE* response) const { OCSP_RESPONSE_free(response); }
+};
+struct OcspBasicDeleter {
+  void operator()(OCSP_BASICRESP* basic) const { OCSP_BASICRESP_free(basic); }
+};
+
+// Called by OpenSSL on the client during the handshake with the stapled OCSP
+// answer. libcurl checks status, signature and nextUpdate after the
+// handshake, but accepts an answer without nextUpdate however old it is; that
+// is refused here (0 aborts the handshake). A missing or unreadable staple is
+// left to libcurl, which refuses it anyway.
+int OcspStatusCallback(SSL* ssl, void* /*arg*/) {
+  const unsigned char* der = nullptr;
+  const long length = SSL_get_tlsext_status_ocsp_resp(ssl, &der);
+  if (der == nullptr || length <= 0) {
+    return 1;
+  }
+  std::unique_ptr<OCSP_RESPONSE, OcspResponseDeleter> response(
+      d2i_OCSP_RESPONSE(nullptr, &der, length));
+  std::unique_ptr<OCSP_BASICRESP, OcspBasicDeleter> basic(
+      response ? OCSP_response_get1_basic(response.get()) : nullptr);
+  if (!basic) {
+    return 1;
+  }
+  for (int i = 0; i < OCSP_resp_count(basic.get()); ++i) {
+    ASN1_GENERALIZEDTIME* thisUpdate = nullptr;
+    ASN1_GENERALIZEDTIME* nextUpdate = nullptr;
+    OCSP_single_get0_status(OCSP_resp_get0(basic.get(), i), nullptr, nullptr, &thisUpdate,
+                            &nextUpdate);
+    if (nextUpdate == nullptr && OCSP_check_validity(thisUpdate, nullptr, kOcspClockLeewaySeconds,
+                                                     kOcspMaxAgeSeconds) != 1) {
+      return 0;
+    }
+  }
+  return 1;
+}
+
 CURLcode SslContextCallback(CURL* /*curl*/, void* sslContext, void* userData) {
   SSL_CTX* ctx = static_cast<SSL_CTX*>(sslContext);
   const Http::Request* request = static_cast<const Http::Request*>(userData);
@@ -156,6 +202,11 @@ CURLcode SslContextCallback(CURL* /*curl*/, void* sslContext, void* userData) {
   }
   if (!InstallTrustedCertificates(ctx, *request)) {
     return CURLE_PEER_FAILED_VERIFICATION;
+  }
+  // libcurl asks for a staple on the SSL it makes from this context, so
+  // OpenSSL runs the callback on every handshake.
+  if (SSL_CTX_set_tlsext_status_cb(ctx, OcspStatusCallback) != 1) {
+    return CURLE_SSL_CERTPROBLEM;
   }
   return CURLE_OK;
 }
@@ -192,13 +243,25 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
   return size * count;
 }
 
+bool Cancelled(const Http::Request& request) {
+  return request.cancel != nullptr && request.cancel->load();
+}
+
+// What the progress callback of one transfer works with.
+struct Progress {
+  const Http::Request* request;
+  Http::Response* response;
+};
+
+// libcurl calls this at least once a second, also while nothing arrives, so
+// a cancel is noticed promptly; non-zero makes libcurl abandon the transfer.
 int ProgressCallback(void* userData, curl_off_t /*downloadTotal*/, curl_off_t /*downloadNow*/,
                      curl_off_t uploadTotal, curl_off_t uploadNow) {
-  Http::Response* response = static_cast<Http::Response*>(userData);
+  Progress* progress = static_cast<Progress*>(userData);
   if (uploadNow == uploadTotal && uploadNow >= 1) {
-    response->uploadComplete = true;
+    progress->response->uploadComplete = true;
   }
-  return 0;
+  return Cancelled(*progress->request) ? 1 : 0;
 }
 
 const char* DebugLabel(curl_infotype type) {
@@ -230,15 +293,17 @@ int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size, v
   return 0;
 }
 
-// Option failures are logged under the option's own name and never stop the
-// request: a missing tunable should not cost the call.
+// Option failures are logged under the option's own name. Most never stop
+// the request, a missing tunable should not cost the call; only the options
+// that protect the connection are checked by the caller.
 template <typename T>
-void SetOption(CURL* handle, CURLoption option, T value, const char* name) {
+bool SetOption(CURL* handle, CURLoption option, T value, const char* name) {
   const CURLcode code = curl_easy_setopt(handle, option, value);
   if (code != CURLE_OK) {
     LUM_LOG(kCore, kWeb, kError, "%s failed with code %d - \"%s\"", name, static_cast<int>(code),
             curl_easy_strerror(code));
   }
+  return code == CURLE_OK;
 }
 #define LUM_SET_OPTION(handle, option, value) SetOption((handle), (option), (value), #option)
 
@@ -252,24 +317,10 @@ void GetInfo(CURL* handle, CURLINFO info, T* value, const char* name) {
 }
 #define LUM_GET_INFO(handle, info, value) GetInfo((handle), (info), (value), #info)
 
-std::string CompactJson(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return LumJson::writeString(builder, value);
-}
-
-bool ParseStrict(const std::string& text, LumJson::Value* value) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  return reader->parse(text.data(), text.data() + text.size(), value, &errors);
-}
-
 // A body that is JSON is shown as JSON; anything else as plain text.
 void AddBody(const std::string& body, LumJson::Value* object) {
   LumJson::Value parsed;
-  if (ParseStrict(body, &parsed)) {
+  if (JsonUtil::ParseStrict(body, parsed)) {
     (*object)["body"] = parsed;
   } else {
     (*object)["bodyString"] = body;
@@ -305,10 +356,15 @@ curl_slist* BuildHeaderList(const std::vector<std::string>& headers) {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 curl_httppost* BuildForm(const Http::Request& request) {
+  // A buffer length of 0 makes libcurl take strlen of the buffer, reading up
+  // to a NUL that may lie past its end; an empty string is the same empty
+  // part with the NUL in place.
+  static const char kNoData[] = "";
+  const void* data = request.dataLength == 0 ? static_cast<const void*>(kNoData) : request.data;
   curl_httppost* first = nullptr;
   curl_httppost* last = nullptr;
   CURLFORMcode code = curl_formadd(&first, &last, CURLFORM_COPYNAME, "data", CURLFORM_BUFFER,
-                                   "data", CURLFORM_BUFFERPTR, request.data, CURLFORM_BUFFERLENGTH,
+                                   "data", CURLFORM_BUFFERPTR, data, CURLFORM_BUFFERLENGTH,
                                    static_cast<long>(request.dataLength), CURLFORM_END);
   if (code != CURL_FORMADD_OK) {
     LUM_LOG(kCore, kWeb, kError, "curl_formadd failed with code %d", static_cast<int>(code));
@@ -333,6 +389,110 @@ void FreeForm(curl_httppost* form) {
 }
 
 #pragma GCC diagnostic pop
+
+// False when an option that protects the connection could not be set.
+bool SetCommonOptions(Http::Request& request, Http::Response& response, curl_slist* headerList,
+                      Progress* progress) {
+  CURL* handle = request.handle;
+  if (Logger::Instance().test(kCore, kWeb, kTrace)) {
+    LUM_SET_OPTION(handle, CURLOPT_VERBOSE, 1L);
+    LUM_SET_OPTION(handle, CURLOPT_DEBUGFUNCTION, DebugCallback);
+  }
+  // Without any one of these the request would go out less protected than
+  // it claims (unverified, over an old protocol, trusting the system's CAs or
+  // over another scheme), so a failure to set one stops it. All are tried,
+  // in order, so that every failure is logged.
+  const bool secured[] = {
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request)),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L),
+      LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L),
+      LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)),
+      // libcurl loads its compiled-in CA file and directory into the
+      // context's store after the SSL-context callback has run, and may swap
+      // in a store cached from an earlier transfer: either would trust the
+      // system's CAs besides the identity's, for the server and for its OCSP
+      // staple alike.
+      LUM_SET_OPTION(handle, CURLOPT_CAINFO, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr)),
+      LUM_SET_OPTION(handle, CURLOPT_CA_CACHE_TIMEOUT, 0L),
+      // The back end speaks HTTPS only; any other scheme in a configured or
+      // redirected URL (file, plain http, ...) would bypass TLS altogether.
+      LUM_SET_OPTION(handle, CURLOPT_PROTOCOLS_STR, "https"),
+      LUM_SET_OPTION(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https"),
+  };
+  LUM_SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
+  LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
+  LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
+  LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
+  LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
+  LUM_SET_OPTION(handle, CURLOPT_HEADERFUNCTION, HeaderCallback);
+  LUM_SET_OPTION(handle, CURLOPT_HEADERDATA, static_cast<void*>(&response.headers));
+  LUM_SET_OPTION(handle, CURLOPT_XFERINFOFUNCTION, ProgressCallback);
+  LUM_SET_OPTION(handle, CURLOPT_XFERINFODATA, static_cast<void*>(progress));
+  LUM_SET_OPTION(handle, CURLOPT_NOPROGRESS, 0L);
+  // Both fit a 32-bit long once clamped, and neither can be 0, which
+  // libcurl reads as no limit at all.
+  const uint32_t connectTimeout = Http::ClampConnectTimeoutMs(request.connectTimeout);
+  LUM_SET_OPTION(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout));
+  LUM_SET_OPTION(handle, CURLOPT_TIMEOUT_MS,
+                 static_cast<long>(Http::ClampMessageTimeoutMs(request.messageTimeout)));
+  // A server silent for longer than we would wait for a connection has
+  // stalled; without this only the message time-out would end the transfer.
+  LUM_SET_OPTION(handle, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  LUM_SET_OPTION(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>((connectTimeout + 999) / 1000));
+  if (request.keepAlive) {
+    LUM_LOG(kCore, kWeb, kDebug, "Setting up reusable curl handle with TCP keep alive");
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveSeconds);
+    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
+  }
+  LUM_SET_OPTION(handle, CURLOPT_HTTPHEADER, headerList);
+  return std::all_of(std::begin(secured), std::end(secured), [](bool set) { return set; });
+}
+
+curl_httppost* SetVerbOptions(Http::Request& request) {
+  CURL* handle = request.handle;
+  switch (request.verb) {
+    case Http::GET:
+      LUM_SET_OPTION(handle, CURLOPT_HTTPGET, 1L);
+      return nullptr;
+    case Http::DELETE:
+      // Sent in lower case on purpose; the back end accepts exactly this.
+      LUM_SET_OPTION(handle, CURLOPT_CUSTOMREQUEST, "delete");
+      return nullptr;
+    case Http::POST:
+      if (request.data != nullptr) {
+        curl_httppost* form = BuildForm(request);
+        SetFormOption(handle, form);
+        return form;
+      }
+      LUM_SET_OPTION(handle, CURLOPT_POST, 1L);
+      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDS, request.body.c_str());
+      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
+      return nullptr;
+  }
+  return nullptr;  // an unknown verb leaves libcurl's default, a GET
+}
+
+void ReadTransferInfo(Http::Request& request, Http::Response& response) {
+  LUM_GET_INFO(request.handle, CURLINFO_RESPONSE_CODE, &response.statusCode);
+  response.answered = true;
+  // The whole-number speed queries replace the floating-point ones, which
+  // libcurl has marked deprecated; failures keep the established names.
+  curl_off_t uploadSpeed = 0;
+  curl_off_t downloadSpeed = 0;
+  GetInfo(request.handle, CURLINFO_SPEED_UPLOAD_T, &uploadSpeed, "CURLINFO_SPEED_UPLOAD");
+  GetInfo(request.handle, CURLINFO_SPEED_DOWNLOAD_T, &downloadSpeed, "CURLINFO_SPEED_DOWNLOAD");
+  response.uploadSpeed = static_cast<double>(uploadSpeed);
+  response.downloadSpeed = static_cast<double>(downloadSpeed);
+  Http::PrintResponse(request, response);
+  if (response.statusCode >= 300) {
+    LUM_LOG(kCore, kWeb, kDebug, "HTTP Status: %d", static_cast<int>(response.statusCode));
+  }
+}
 
 }  // namespace
 
@@ -399,9 +559,18 @@ void Http::Cleanup(Request& request) {
   }
 }
 
+uint32_t Http::ClampConnectTimeoutMs(uint32_t milliseconds) {
+  return std::clamp(milliseconds, kMinTimeoutMs, kMaxConnectTimeoutMs);
+}
+
+uint32_t Http::ClampMessageTimeoutMs(uint32_t milliseconds) {
+  return std::clamp(milliseconds, kMinTimeoutMs, kMaxMessageTimeoutMs);
+}
+
 void Http::Perform(Request& request, Response& response) {
   LUM_TRACE(kCore);
   response.statusCode = 400;
+  response.answered = false;
   response.headers.clear();
   response.body.clear();
   response.bodyOverflow = false;
@@ -426,10 +595,19 @@ void Http::Perform(Request& request, Response& response) {
   }
 
   curl_slist* headerList = BuildHeaderList(request.headers);
-  SetCommonOptions(request, response, headerList);
-  curl_httppost* form = SetVerbOptions(request);
-
-  const CURLcode code = curl_easy_perform(request.handle);
+  curl_httppost* form = nullptr;
+  Progress progress{&request, &response};
+  bool performed = false;
+  CURLcode code = CURLE_OK;
+  if (!SetCommonOptions(request, response, headerList, &progress)) {
+    LUM_LOG(kCore, kWeb, kError, "TLS protection incomplete, the request is not sent");
+  } else if (Cancelled(request)) {
+    LUM_LOG(kCore, kWeb, kInfo, "Request cancelled, not sent");
+  } else {
+    form = SetVerbOptions(request);
+    code = curl_easy_perform(request.handle);
+    performed = true;
+  }
 
   if (form != nullptr) {
     FreeForm(form);
@@ -438,7 +616,7 @@ void Http::Perform(Request& request, Response& response) {
   request.headers.clear();
   request.body.clear();
 
-  if (code == CURLE_OK) {
+  if (performed && code == CURLE_OK) {
     ReadTransferInfo(request, response);
     if (request.keepAlive) {
       // The options just used point at the form, header list and body freed
@@ -447,87 +625,13 @@ void Http::Perform(Request& request, Response& response) {
       curl_easy_reset(request.handle);
       return;
     }
-  } else {
+  } else if (performed) {
     LUM_LOG(kCore, kWeb, kInfo, "curl_easy_perform() failed with code %d - \"%s\"",
             static_cast<int>(code), curl_easy_strerror(code));
   }
   LUM_LOG(kCore, kWeb, kDebug, "curl_easy_cleanup()");
   curl_easy_cleanup(request.handle);
   request.handle = nullptr;
-}
-
-void Http::SetCommonOptions(Request& request, Response& response, curl_slist* headerList) {
-  CURL* handle = request.handle;
-  if (Logger::Instance().test(kCore, kWeb, kTrace)) {
-    LUM_SET_OPTION(handle, CURLOPT_VERBOSE, 1L);
-    LUM_SET_OPTION(handle, CURLOPT_DEBUGFUNCTION, DebugCallback);
-  }
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(&request));
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CTX_FUNCTION, SslContextCallback);
-  LUM_SET_OPTION(handle, CURLOPT_NOSIGNAL, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYPEER, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYHOST, 2L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_VERIFYSTATUS, 1L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-  LUM_SET_OPTION(handle, CURLOPT_SSL_CIPHER_LIST, "HIGH");
-  LUM_SET_OPTION(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  LUM_SET_OPTION(handle, CURLOPT_URL, request.url.c_str());
-  LUM_SET_OPTION(handle, CURLOPT_WRITEFUNCTION, BodyCallback);
-  LUM_SET_OPTION(handle, CURLOPT_WRITEDATA, static_cast<void*>(&response));
-  LUM_SET_OPTION(handle, CURLOPT_HEADERFUNCTION, HeaderCallback);
-  LUM_SET_OPTION(handle, CURLOPT_HEADERDATA, static_cast<void*>(&response.headers));
-  LUM_SET_OPTION(handle, CURLOPT_XFERINFOFUNCTION, ProgressCallback);
-  LUM_SET_OPTION(handle, CURLOPT_XFERINFODATA, static_cast<void*>(&response));
-  LUM_SET_OPTION(handle, CURLOPT_NOPROGRESS, 0L);
-  LUM_SET_OPTION(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeout));
-  LUM_SET_OPTION(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.messageTimeout));
-  if (request.keepAlive) {
-    LUM_LOG(kCore, kWeb, kDebug, "Setting up reusable curl handle with TCP keep alive");
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPALIVE, 1L);
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveSeconds);
-    LUM_SET_OPTION(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveSeconds);
-  }
-  LUM_SET_OPTION(handle, CURLOPT_HTTPHEADER, headerList);
-}
-
-curl_httppost* Http::SetVerbOptions(Request& request) {
-  CURL* handle = request.handle;
-  switch (request.verb) {
-    case GET:
-      LUM_SET_OPTION(handle, CURLOPT_HTTPGET, 1L);
-      return nullptr;
-    case DELETE:
-      // Sent in lower case on purpose; the back end accepts exactly this.
-      LUM_SET_OPTION(handle, CURLOPT_CUSTOMREQUEST, "delete");
-      return nullptr;
-    case POST:
-      if (request.data != nullptr) {
-        curl_httppost* form = BuildForm(request);
-        SetFormOption(handle, form);
-        return form;
-      }
-      LUM_SET_OPTION(handle, CURLOPT_POST, 1L);
-      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDS, request.body.c_str());
-      LUM_SET_OPTION(handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(request.body.size()));
-      return nullptr;
-  }
-  return nullptr;  // an unknown verb leaves libcurl's default, a GET
-}
-
-void Http::ReadTransferInfo(Request& request, Response& response) {
-  LUM_GET_INFO(request.handle, CURLINFO_RESPONSE_CODE, &response.statusCode);
-  // The whole-number speed queries replace the floating-point ones, which
-  // libcurl has marked deprecated; failures keep the established names.
-  curl_off_t uploadSpeed = 0;
-  curl_off_t downloadSpeed = 0;
-  GetInfo(request.handle, CURLINFO_SPEED_UPLOAD_T, &uploadSpeed, "CURLINFO_SPEED_UPLOAD");
-  GetInfo(request.handle, CURLINFO_SPEED_DOWNLOAD_T, &downloadSpeed, "CURLINFO_SPEED_DOWNLOAD");
-  response.uploadSpeed = static_cast<double>(uploadSpeed);
-  response.downloadSpeed = static_cast<double>(downloadSpeed);
-  PrintResponse(request, response);
-  if (response.statusCode >= 300) {
-    LUM_LOG(kCore, kWeb, kDebug, "HTTP Status: %d", static_cast<int>(response.statusCode));
-  }
 }
 
 void Http::PrintRequest(const Request& request) {
@@ -564,7 +668,7 @@ void Http::PrintRequest(const Request& request) {
     }
     LumJson::Value root(LumJson::objectValue);
     root["httpRequest"] = fields;
-    LUM_LOG(kCore, kTest, kDebug, "%s", CompactJson(root).c_str());
+    LUM_LOG(kCore, kTest, kDebug, "%s", JsonUtil::WriteCompact(root).c_str());
   }
 }
 
@@ -603,7 +707,7 @@ void Http::PrintResponse(const Request& request, const Response& response) {
     }
     LumJson::Value root(LumJson::objectValue);
     root["httpResponse"] = fields;
-    LUM_LOG(kCore, kTest, kDebug, "%s", CompactJson(root).c_str());
+    LUM_LOG(kCore, kTest, kDebug, "%s", JsonUtil::WriteCompact(root).c_str());
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,8 +15,9 @@ namespace Core {
 // The agent's one HTTPS transport: a static class over libcurl's easy
 // interface. Every transfer is TLS with both ends verified; the client
 // certificate, its key and the trusted CAs come from memory, never from files,
-// and only the given CAs are trusted. Transport failures of any kind read as
-// status 400, so callers treat them like a rejected request.
+// and only the given CAs are trusted. A request is not sent at all when libcurl
+// refuses one of the options that protect it. Transport failures of any kind
+// read as status 400, so callers treat them like a rejected request.
 class Http {
  public:
   // A fixed underlying type keeps any number a valid Verb: values outside the
@@ -38,11 +40,20 @@ class Http {
     std::string token;  // second multipart part when `data` is set
     const uint8_t* data = nullptr;
     uint32_t dataLength = 0;
-    uint32_t connectTimeout = 0;  // milliseconds
-    uint32_t messageTimeout = 0;  // milliseconds, the whole transfer
-    bool keepAlive = false;       // keep `handle` and its connection across calls
-    bool mock = false;            // set by the injector: answered without traffic
-    CURL* handle = nullptr;       // owned; released by Http::Cleanup
+    // Milliseconds, as clamped by ClampConnectTimeoutMs. A server that sends
+    // nothing for this long, rounded up to whole seconds, has stalled and the
+    // transfer ends there.
+    uint32_t connectTimeout = 0;
+    // Milliseconds for the whole transfer, as clamped by ClampMessageTimeoutMs.
+    uint32_t messageTimeout = 0;
+    bool keepAlive = false;  // keep `handle` and its connection across calls
+    bool mock = false;       // set by the injector: answered without traffic
+    CURL* handle = nullptr;  // owned; released by Http::Cleanup
+    // Not owned; may be set from another thread. While it reads true a
+    // transfer in progress is abandoned, a request not yet sent is not sent
+    // and a canned answer's wait ends, all leaving status 400: a terminating
+    // agent never waits on the network.
+    const std::atomic<bool>* cancel = nullptr;
   };
 
   // The outcome of a call. With `bodyBuffer` set the body goes there (binary
@@ -51,6 +62,10 @@ class Http {
   // where the next bytes go, so the caller zeroes it before a fresh download.
   struct Response {
     long statusCode = 400;
+    // Whether statusCode is the server's own answer (or the injector's canned
+    // one), as opposed to the 400 of a transfer that failed, even after the
+    // headers arrived: a refusal is final, a failure is worth a retry.
+    bool answered = false;
     std::vector<std::string> headers;  // raw lines as received, CR LF included
     std::string body;
     uint8_t* bodyBuffer = nullptr;
@@ -72,6 +87,15 @@ class Http {
   // request returns its canned answer without any network activity.
   static void Perform(Request& request, Response& response);
 
+  // The time-outs libcurl is given: at least a second each, since 0 would
+  // mean no limit, and at most 2 minutes to connect and an hour for the
+  // whole transfer, which also keeps them within a 32-bit long.
+  static constexpr uint32_t kMinTimeoutMs = 1000;
+  static constexpr uint32_t kMaxConnectTimeoutMs = 120000;
+  static constexpr uint32_t kMaxMessageTimeoutMs = 3600000;
+  static uint32_t ClampConnectTimeoutMs(uint32_t milliseconds);
+  static uint32_t ClampMessageTimeoutMs(uint32_t milliseconds);
+
   // Releases a kept-alive handle.
   static void Cleanup(Request& request);
 
@@ -81,10 +105,6 @@ class Http {
   static const char* VerbToString(int verb);
 
  private:
-  static void SetCommonOptions(Request& request, Response& response, curl_slist* headerList);
-  static curl_httppost* SetVerbOptions(Request& request);
-  static void ReadTransferInfo(Request& request, Response& response);
-
   // libcurl's global state is set up at most once between Initialize and
   // Terminate; both run on the start-up and shut-down paths, the mutex only
   // keeps a stray second caller from racing them.

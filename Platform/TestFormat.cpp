@@ -1,8 +1,7 @@
 #include "Platform/TestFormat.h"
 
-#include <memory>
-
 #include "Platform/FilterProperties.h"
+#include "Platform/JsonUtil.h"
 #include "Platform/LumJson.h"
 
 namespace Lum {
@@ -11,22 +10,9 @@ namespace Core {
 namespace {
 const char* const kBadJson = "***BAD JSON***";
 
-LumJson::Value ParseStrict(const std::string& text) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
+LumJson::Value ParseOrMarkBad(const std::string& text) {
   LumJson::Value parsed;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) {
-    return LumJson::Value(kBadJson);
-  }
-  return parsed;
-}
-
-std::string WriteCompact(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return LumJson::writeString(builder, value);
+  return JsonUtil::ParseStrict(text, parsed) ? parsed : LumJson::Value(kBadJson);
 }
 }  // namespace
 
@@ -40,8 +26,8 @@ std::string TestFormat::format(const LoggingEvent& event) const {
   line["file"] = event.file;
   line["line"] = event.line;
   line["method"] = event.function;
-  line["message"] = ParseStrict(event.message);
-  return WriteCompact(line) + "\n";
+  line["message"] = ParseOrMarkBad(event.message);
+  return JsonUtil::WriteCompact(line) + "\n";
 }
 
 }  // namespace Core

@@ -66,6 +66,10 @@ OcspStatus StatusOf(OcspMode mode) {
       return OcspStatus::Revoked;
     case OcspMode::Expired:
       return OcspStatus::Expired;
+    case OcspMode::Stale:
+      return OcspStatus::Stale;
+    case OcspMode::FreshWithoutNextUpdate:
+      return OcspStatus::FreshWithoutNextUpdate;
     case OcspMode::Good:
     case OcspMode::None:
       break;

@@ -65,8 +65,9 @@ struct Reply {
 // Protocol versions the server may offer.
 enum class TlsVersion { Tls1_1, Tls1_2, Tls1_3 };
 
-// What the server staples in answer to a client's status request.
-enum class OcspMode { Good, Revoked, Expired, None };
+// What the server staples in answer to a client's status request (see
+// OcspStatus for the answers).
+enum class OcspMode { Good, Revoked, Expired, Stale, FreshWithoutNextUpdate, None };
 
 }  // namespace Tools
 }  // namespace Lum

@@ -24,7 +24,7 @@ using Lum::Tools::TlsVersion;
 
 int Usage() {
   std::cerr << "usage: lum-backend --pki DIR [--port PORT] [--bind ADDR] [--tunables FILE]\n"
-               "                   [--ocsp good|revoked|expired|none]\n"
+               "                   [--ocsp good|revoked|expired|stale|fresh-no-next-update|none]\n"
                "                   [--tls 1.2-1.3|1.1|1.2|1.3|1.1-1.3]\n"
                "                   [--server-cert default|untrusted|wronghost]\n"
                "                   [--allowed-ids ID,ID,...] [--region NAME]\n";
@@ -38,6 +38,10 @@ bool ParseOcsp(const std::string& text, OcspMode* mode) {
     *mode = OcspMode::Revoked;
   } else if (text == "expired") {
     *mode = OcspMode::Expired;
+  } else if (text == "stale") {
+    *mode = OcspMode::Stale;
+  } else if (text == "fresh-no-next-update") {
+    *mode = OcspMode::FreshWithoutNextUpdate;
   } else if (text == "none") {
     *mode = OcspMode::None;
   } else {

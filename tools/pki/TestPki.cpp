@@ -27,6 +27,9 @@ constexpr long kOcspThisUpdate = -60 * 60;
 constexpr long kOcspNextUpdate = 7 * kDay;
 constexpr long kOcspExpiredThisUpdate = -2 * kDay;
 constexpr long kOcspExpiredNextUpdate = -kDay;
+// An answer without nextUpdate never expires by libcurl's check; this one is
+// far older than any client should accept.
+constexpr long kOcspStaleThisUpdate = -400 * kDay;
 
 constexpr const char* kServerNames =
     "DNS:*.lum.localhost,DNS:lum.localhost,DNS:localhost,IP:127.0.0.1";
@@ -95,7 +98,7 @@ bool AddExtensions(X509* cert, X509* issuer, const CertProfile& profile) {
                          profile.ca ? "critical,CA:TRUE" : "critical,CA:FALSE");
   ok = ok && AddExtension(cert, &ctx, NID_key_usage,
                           profile.ca ? "critical,keyCertSign,cRLSign,digitalSignature"
-                                  : "critical,digitalSignature,keyEncipherment");
+                                     : "critical,digitalSignature,keyEncipherment");
   ok = ok && AddExtension(cert, &ctx, NID_subject_key_identifier, "hash");
   ok = ok && AddExtension(cert, &ctx, NID_authority_key_identifier, "keyid:always");
   if (ok && !profile.extendedKeyUsage.empty()) {
@@ -179,9 +182,12 @@ bool MakeOcspResponse(const std::string& certPem, const std::string& caCertPem,
   if (!cert || !caCert || !caKey) {
     return Fail(error, OpenSslErrorText("reading OCSP material"));
   }
-  bool expired = status == OcspStatus::Expired;
-  Asn1TimePtr thisUpdate(
-      X509_gmtime_adj(nullptr, expired ? kOcspExpiredThisUpdate : kOcspThisUpdate));
+  const bool expired = status == OcspStatus::Expired;
+  const bool stale = status == OcspStatus::Stale;
+  const bool withNextUpdate = !stale && status != OcspStatus::FreshWithoutNextUpdate;
+  Asn1TimePtr thisUpdate(X509_gmtime_adj(nullptr, expired ? kOcspExpiredThisUpdate
+                                                  : stale ? kOcspStaleThisUpdate
+                                                          : kOcspThisUpdate));
   Asn1TimePtr nextUpdate(
       X509_gmtime_adj(nullptr, expired ? kOcspExpiredNextUpdate : kOcspNextUpdate));
   Asn1TimePtr revokedAt(X509_gmtime_adj(nullptr, kOcspThisUpdate));
@@ -194,7 +200,7 @@ bool MakeOcspResponse(const std::string& certPem, const std::string& caCertPem,
   if (OCSP_basic_add1_status(
           basic.get(), id.get(), revoked ? V_OCSP_CERTSTATUS_REVOKED : V_OCSP_CERTSTATUS_GOOD,
           revoked ? OCSP_REVOKED_STATUS_KEYCOMPROMISE : 0, revoked ? revokedAt.get() : nullptr,
-          thisUpdate.get(), nextUpdate.get()) == nullptr ||
+          thisUpdate.get(), withNextUpdate ? nextUpdate.get() : nullptr) == nullptr ||
       OCSP_basic_sign(basic.get(), caCert.get(), caKey.get(), EVP_sha256(), nullptr, 0) != 1) {
     return Fail(error, OpenSslErrorText("OCSP signing"));
   }
@@ -277,6 +283,10 @@ bool TestPki::generate(std::string* error) {
                         error) &&
        MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Expired, &ocspExpired_,
                         error) &&
+       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::Stale, &ocspStale_,
+                        error) &&
+       MakeOcspResponse(serverCertPem_, caCertPem_, caKeyPem_, OcspStatus::FreshWithoutNextUpdate,
+                        &ocspFreshWithoutNextUpdate_, error) &&
        MakeOcspResponse(untrustedServerCertPem_, untrustedCaCertPem_, untrustedCaKeyPem_,
                         OcspStatus::Good, &untrustedOcspGood_, error) &&
        MakeOcspResponse(wrongHostServerCertPem_, caCertPem_, caKeyPem_, OcspStatus::Good,
@@ -335,6 +345,8 @@ bool TestPki::writeTo(const std::string& dir, const DeviceIdentity* device,
       {kOcspGood, &ocspGood_},
       {kOcspRevoked, &ocspRevoked_},
       {kOcspExpired, &ocspExpired_},
+      {kOcspStale, &ocspStale_},
+      {kOcspFreshWithoutNextUpdate, &ocspFreshWithoutNextUpdate_},
       {kUntrustedCaCert, &untrustedCaCertPem_},
       {kUntrustedCaKey, &untrustedCaKeyPem_},
       {kUntrustedServerCert, &untrustedServerCertPem_},
@@ -376,6 +388,8 @@ bool TestPki::load(const std::string& dir, std::string* error) {
       {kOcspGood, &loaded.ocspGood_},
       {kOcspRevoked, &loaded.ocspRevoked_},
       {kOcspExpired, &loaded.ocspExpired_},
+      {kOcspStale, &loaded.ocspStale_},
+      {kOcspFreshWithoutNextUpdate, &loaded.ocspFreshWithoutNextUpdate_},
       {kUntrustedCaCert, &loaded.untrustedCaCertPem_},
       {kUntrustedCaKey, &loaded.untrustedCaKeyPem_},
       {kUntrustedServerCert, &loaded.untrustedServerCertPem_},
@@ -444,6 +458,10 @@ const std::string& TestPki::ocspResponse(ServerCertKind kind, OcspStatus status)
       return ocspRevoked_;
     case OcspStatus::Expired:
       return ocspExpired_;
+    case OcspStatus::Stale:
+      return ocspStale_;
+    case OcspStatus::FreshWithoutNextUpdate:
+      return ocspFreshWithoutNextUpdate_;
     case OcspStatus::Good:
       break;
   }

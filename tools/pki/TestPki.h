@@ -16,7 +16,9 @@ enum class ServerCertKind {
 enum class OcspStatus {
   Good,
   Revoked,
-  Expired,  // status good, but nextUpdate lies a day in the past
+  Expired,                 // status good, but nextUpdate lies a day in the past
+  Stale,                   // status good, no nextUpdate, thisUpdate 400 days ago
+  FreshWithoutNextUpdate,  // status good, no nextUpdate, thisUpdate an hour ago
 };
 
 // Key algorithm of a generated certificate.
@@ -59,7 +61,8 @@ struct DeviceIdentity {
 //   "server-cert.pem", "server-key.pem"           "*.lum.localhost", "lum.localhost",
 //                                                 "localhost", 127.0.0.1
 //   "ocsp-good.der", "ocsp-revoked.der",          OCSP responses for server-cert.pem,
-//   "ocsp-expired.der"                            signed by the CA
+//   "ocsp-expired.der", "ocsp-stale.der",         signed by the CA
+//   "ocsp-fresh-no-next-update.der"
 //   "untrusted-ca-cert.pem", "untrusted-ca-key.pem"
 //   "untrusted-server-cert.pem", "untrusted-server-key.pem", "untrusted-ocsp-good.der"
 //   "wronghost-server-cert.pem", "wronghost-server-key.pem", "wronghost-ocsp-good.der"
@@ -81,6 +84,8 @@ class TestPki {
   static constexpr const char* kOcspGood = "ocsp-good.der";
   static constexpr const char* kOcspRevoked = "ocsp-revoked.der";
   static constexpr const char* kOcspExpired = "ocsp-expired.der";
+  static constexpr const char* kOcspStale = "ocsp-stale.der";
+  static constexpr const char* kOcspFreshWithoutNextUpdate = "ocsp-fresh-no-next-update.der";
   static constexpr const char* kUntrustedCaCert = "untrusted-ca-cert.pem";
   static constexpr const char* kUntrustedCaKey = "untrusted-ca-key.pem";
   static constexpr const char* kUntrustedServerCert = "untrusted-server-cert.pem";
@@ -133,8 +138,8 @@ class TestPki {
   const std::string& serverCertPem(ServerCertKind kind) const;
   const std::string& serverKeyPem(ServerCertKind kind) const;
   // DER bytes of a stapled OCSP response for the given server certificate. Only
-  // the default certificate has revoked and expired answers; the others return
-  // their good answer.
+  // the default certificate has answers other than good; the others return
+  // their good answer whatever the status asked for.
   const std::string& ocspResponse(ServerCertKind kind, OcspStatus status) const;
   // Device material read by load(); empty commonName when the files were absent.
   const DeviceIdentity& loadedDevice() const { return loadedDevice_; }
@@ -145,7 +150,7 @@ class TestPki {
   std::string serverCertPem_, serverKeyPem_;
   std::string untrustedServerCertPem_, untrustedServerKeyPem_;
   std::string wrongHostServerCertPem_, wrongHostServerKeyPem_;
-  std::string ocspGood_, ocspRevoked_, ocspExpired_;
+  std::string ocspGood_, ocspRevoked_, ocspExpired_, ocspStale_, ocspFreshWithoutNextUpdate_;
   std::string untrustedOcspGood_, wrongHostOcspGood_;
   DeviceIdentity loadedDevice_;
 };

@@ -1,7 +1,13 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -10,6 +16,8 @@
 #include "HttpTestSupport.h"
 #include "Platform/Http.h"
 #include "support/LogCapture.h"
+#include "support/TestSupport.h"
+#include "tools/pki/OpenSslHandles.h"
 
 namespace {
 
@@ -49,6 +57,7 @@ TEST_F(HttpTest, PostWithDeviceCertificateReachesTheBackEndOnce) {
   Http::Response response;
   Http::Perform(request, response);
   EXPECT_EQ(201, response.statusCode);
+  EXPECT_TRUE(response.answered);
   EXPECT_EQ("{\"echo\":\"payload\"}", response.body);
   ASSERT_FALSE(response.headers.empty());
   EXPECT_EQ(0u, response.headers.front().rfind("HTTP/1.1 201", 0)) << response.headers.front();
@@ -65,6 +74,29 @@ TEST_F(HttpTest, PostWithDeviceCertificateReachesTheBackEndOnce) {
   EXPECT_EQ("one two", seen[0].header("X-Lum-Test"));
   EXPECT_FALSE(seen[1].hasHeader("X-Lum-Test"));
   EXPECT_EQ("", seen[1].body);
+}
+
+// The debug log shows a JSON body as JSON; one nested deeper than the parser
+// goes (it throws rather than fails) is shown as text, in either direction.
+TEST_F(HttpTest, ADeeplyNestedBodyIsLoggedAsText) {
+  const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+  backend_->addRoute("/api/v1/deep",
+                     [deep](const RecordedRequest&, Reply& reply) { reply.json(200, deep); });
+  LumTest::LogCapture capture("debug");
+  Http::Request request = DeviceRequest(Http::POST, url("/api/v1/deep"));
+  request.body = deep;
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(200, response.statusCode);
+  EXPECT_EQ(deep, response.body);
+  const std::string shown = "\"bodyString\":\"" + deep + "\"";
+  for (const char* direction : {"{\"httpRequest\":", "{\"httpResponse\":"}) {
+    bool logged = false;
+    for (const std::string& message : capture.messages()) {
+      logged |= message.rfind(direction, 0) == 0 && message.find(shown) != std::string::npos;
+    }
+    EXPECT_TRUE(logged) << direction;
+  }
 }
 
 TEST_F(HttpTest, VerbsGoOutWithTheirMethodText) {
@@ -110,6 +142,22 @@ TEST_F(HttpTest, MultipartUploadCarriesDataAndTokenParts) {
   }
 }
 
+// Zero bytes are zero bytes, however the buffer continues: a buffer without a
+// NUL after it must not be read past its end.
+TEST_F(HttpTest, EmptyUploadSendsAnEmptyDataPart) {
+  const std::unique_ptr<uint8_t[]> bytes(new uint8_t[4]{'a', 'b', 'c', 'd'});
+  Http::Request request = DeviceRequest(Http::POST, url(kEchoPath));
+  request.data = bytes.get();
+  request.dataLength = 0;
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(201, response.statusCode);
+  const std::vector<RecordedRequest> seen = backend_->requestsTo(kEchoPath);
+  ASSERT_EQ(1u, seen.size());
+  ASSERT_NE(nullptr, seen[0].part("data"));
+  EXPECT_EQ("", seen[0].part("data")->content);
+}
+
 TEST_F(HttpTest, KeepAliveHandleSurvivesSuccessOnly) {
   Http::Request request = DeviceRequest(Http::POST, url(kEchoPath));
   request.keepAlive = true;
@@ -131,14 +179,23 @@ TEST_F(HttpTest, KeepAliveHandleSurvivesSuccessOnly) {
   EXPECT_EQ("delete", seen[1].method);
   EXPECT_EQ("", seen[1].body);
 
-  // libcurl retries once on a fresh connection when a reused one dies, so
-  // the drop must outlast that retry.
+  // The server's own 400 is an answer and keeps the handle; a failed
+  // transfer is not. libcurl retries once on a fresh connection when a
+  // reused one dies, so the drop must outlast that retry.
+  Fault refusal;
+  refusal.status = 400;
+  backend_->injectFault(kEchoPath, refusal);
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_TRUE(response.answered);
+  EXPECT_EQ(kept, request.handle);
   Fault drop;
   drop.drop = true;
   drop.count = -1;
   backend_->injectFault(kEchoPath, drop);
   Http::Perform(request, response);
   EXPECT_EQ(400, response.statusCode);
+  EXPECT_FALSE(response.answered);
   EXPECT_EQ(nullptr, request.handle);
 }
 
@@ -161,30 +218,105 @@ TEST_F(HttpTest, OversizedBodyFillsCallerBufferAndKeepsRealStatus) {
   }
 }
 
-TEST_F(HttpTest, StalledAnswerEndsAtTheMessageTimeout) {
-  const auto kStall = std::chrono::seconds(60);
-  backend_->addRoute("/api/v1/stall", [kStall](const RecordedRequest&, Reply& reply) {
-    reply.action = Reply::Action::StallAfterHeaders;
-    reply.stallLimit = kStall;
+const auto kStall = std::chrono::seconds(60);
+const char kStallPath[] = "/api/v1/stall";
+
+// Sends the headers, then nothing until kStall has passed.
+void StallRoute(const RecordedRequest&, Reply& reply) {
+  reply.action = Reply::Action::StallAfterHeaders;
+  reply.stallLimit = kStall;
+}
+
+// Whatever the time-outs say, a server that stops sending is cut off: no
+// message time-out means the shortest one, and a stall ends the transfer
+// once it outlasts the connect time-out.
+TEST_F(HttpTest, StalledAnswerAlwaysEnds) {
+  backend_->addRoute(kStallPath, StallRoute);
+  const struct {
+    const char* name;
+    uint32_t connectTimeout;
+    uint32_t messageTimeout;
+  } cases[] = {
+      {"at the message time-out", 5000, 1000},
+      {"at the shortest message time-out when none is given", 60000, 0},
+      {"at the connect time-out when the message time-out never ends", 1000, UINT32_MAX},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Http::Request request = DeviceRequest(Http::GET, url(kStallPath));
+    request.connectTimeout = c.connectTimeout;
+    request.messageTimeout = c.messageTimeout;
+    request.keepAlive = true;
+    Http::Response response;
+    const auto start = std::chrono::steady_clock::now();
+    Http::Perform(request, response);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_EQ(400, response.statusCode);
+    EXPECT_FALSE(response.answered);
+    EXPECT_FALSE(response.headers.empty());  // the headers did arrive before the stall
+    EXPECT_EQ(nullptr, request.handle);
+    EXPECT_LT(elapsed, kStall / 2);
+  }
+}
+
+TEST(HttpTimeoutTest, TimeoutsAreClampedToTheirRange) {
+  const struct {
+    uint32_t given;
+    uint32_t connect;
+    uint32_t message;
+  } cases[] = {
+      {0, 1000, 1000},
+      {999, 1000, 1000},
+      {1000, 1000, 1000},
+      {120001, 120000, 120001},
+      {2147483648u, 120000, 3600000},  // negative as a 32-bit long
+      {UINT32_MAX, 120000, 3600000},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.connect, Http::ClampConnectTimeoutMs(c.given)) << c.given;
+    EXPECT_EQ(c.message, Http::ClampMessageTimeoutMs(c.given)) << c.given;
+  }
+}
+
+// The agent cancels when it terminates: a transfer in progress ends long
+// before its time-outs.
+TEST_F(HttpTest, CancelEndsATransferInProgress) {
+  backend_->addRoute(kStallPath, StallRoute);
+  std::atomic<bool> cancel{false};
+  Http::Request request = DeviceRequest(Http::GET, url(kStallPath));
+  request.connectTimeout = 60000;
+  request.messageTimeout = 60000;
+  request.cancel = &cancel;
+  std::thread canceller([&] {
+    // Once the server holds the request the transfer is under way.
+    EXPECT_TRUE(backend_->waitForRequests(kStallPath, 1, std::chrono::seconds(10)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancel = true;
   });
-  Http::Request request = DeviceRequest(Http::GET, url("/api/v1/stall"));
-  request.messageTimeout = 1000;
-  request.keepAlive = true;
   Http::Response response;
   const auto start = std::chrono::steady_clock::now();
   Http::Perform(request, response);
   const auto elapsed = std::chrono::steady_clock::now() - start;
-
+  canceller.join();
   EXPECT_EQ(400, response.statusCode);
-  EXPECT_FALSE(response.headers.empty());  // the headers did arrive before the stall
-  EXPECT_EQ(nullptr, request.handle);
-  EXPECT_GE(elapsed, std::chrono::milliseconds(900));
-  EXPECT_LT(elapsed, kStall / 2);
+  EXPECT_LT(elapsed, std::chrono::seconds(10));
+}
+
+// Only HTTPS goes out: libcurl would otherwise read a local file for a
+// "file://" URL and hand its content back as the answer.
+TEST(HttpProtocolTest, AFileUrlReadsNothing) {
+  LumTest::TempDir dir;
+  LumTest::WriteFile(dir.file("secret.txt"), "local secret");
+  Http::Request request = DeviceRequest(Http::GET, "file://" + dir.file("secret.txt"));
+  Http::Response response;
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_EQ("", response.body);
 }
 
 // Every way the TLS policy can refuse a connection ends as status 400 without
-// a request reaching the back end. The default trust store of the process
-// names the untrusted CA throughout (see HttpTestSupport).
+// a request reaching the back end; the accepted cases mark where it stops.
 TEST(HttpTlsTest, PolicyViolationsFailWith400) {
   struct Case {
     const char* name;
@@ -192,11 +324,15 @@ TEST(HttpTlsTest, PolicyViolationsFailWith400) {
     ServerCertKind cert = ServerCertKind::Default;
     bool tls11Only = false;
     void (*client)(Http::Request&) = nullptr;
+    bool accepted = false;
   };
   const Case cases[] = {
       {"no stapled OCSP answer", OcspMode::None},
       {"revoked OCSP answer", OcspMode::Revoked},
       {"expired OCSP answer", OcspMode::Expired},
+      {"stale OCSP answer without nextUpdate", OcspMode::Stale},
+      {"fresh OCSP answer without nextUpdate", OcspMode::FreshWithoutNextUpdate,
+       ServerCertKind::Default, false, nullptr, true},
       {"server from an untrusted CA", OcspMode::Good, ServerCertKind::UntrustedCa},
       {"server certificate for another host", OcspMode::Good, ServerCertKind::WrongHost},
       {"server offering TLS 1.1 only", OcspMode::Good, ServerCertKind::Default, true},
@@ -229,11 +365,110 @@ TEST(HttpTlsTest, PolicyViolationsFailWith400) {
     }
     Http::Response response;
     Http::Perform(request, response);
+    EXPECT_EQ(c.accepted ? 200 : 400, response.statusCode);
+    EXPECT_EQ(c.accepted, response.answered);
+    EXPECT_EQ(c.accepted, !response.headers.empty());
+    EXPECT_EQ(c.accepted, request.handle != nullptr);
+    EXPECT_EQ(c.accepted ? 1u : 0u, backend->requestCount());
+    Http::Cleanup(request);
+  }
+}
+
+// libcurl's compiled-in CA file or directory, as it reports them; empty when
+// it names none.
+std::string DefaultCaLocation(CURLINFO info) {
+  std::string location;
+  CURL* probe = curl_easy_init();
+  char* reported = nullptr;
+  if (probe != nullptr && curl_easy_getinfo(probe, info, &reported) == CURLE_OK &&
+      reported != nullptr) {
+    location = reported;
+  }
+  curl_easy_cleanup(probe);
+  return location;
+}
+
+// libcurl fills the trust store from its compiled-in CA file and directory
+// after the SSL-context callback has installed the request's CAs. On a thread
+// of its own mount namespace each is overlaid in turn so that it also names
+// the untrusted CA: a server that CA issued (with a good staple from it) must
+// still be refused.
+TEST(HttpTlsTest, TheSystemTrustStoreIsNeverConsulted) {
+  const std::string caFile = DefaultCaLocation(CURLINFO_CAINFO);
+  const std::string caPath = DefaultCaLocation(CURLINFO_CAPATH);
+  if (caFile.empty() || caPath.empty() || access(caFile.c_str(), R_OK) != 0) {
+    GTEST_SKIP() << "libcurl names no readable default CA file and directory";
+  }
+  const std::string untrustedCa = Pki().untrustedCaCertPem();
+  X509Ptr untrustedCert = ReadCertPem(untrustedCa);
+  ASSERT_TRUE(untrustedCert);
+  char hashName[16];
+  std::snprintf(hashName, sizeof hashName, "%08lx.0", X509_subject_name_hash(untrustedCert.get()));
+  LumTest::TempDir dir;
+  LumTest::WriteFile(dir.file("bundle.pem"), LumTest::ReadFile(caFile) + untrustedCa);
+  LumTest::TempDir hashDir;
+  LumTest::WriteFile(hashDir.file(hashName), untrustedCa);
+  BackendOptions options;
+  options.serverCert = ServerCertKind::UntrustedCa;
+  auto backend = StartBackend(options);
+  ASSERT_NE(nullptr, backend);
+
+  const std::pair<std::string, std::string> overlays[] = {
+      {dir.file("bundle.pem"), caFile},  // the system bundle plus the untrusted CA
+      {hashDir.path(), caPath},          // a hashed directory of the untrusted CA alone
+  };
+  for (const auto& [source, target] : overlays) {
+    SCOPED_TRACE(target);
+    int unshareError = 0;
+    std::string mountError;
+    Http::Response response;
+    std::thread([&] {
+      if (unshare(CLONE_NEWNS) != 0) {
+        unshareError = errno;
+        return;
+      }
+      // Private first, so that the overlay stays in this namespace.
+      if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        mountError = std::strerror(errno);
+        return;
+      }
+      Http::Request request = DeviceRequest(Http::GET, backend->baseUrl("OPID") + "/test/method");
+      Http::Perform(request, response);
+    }).join();
+    if (unshareError == EPERM) {
+      GTEST_SKIP() << "no mount namespace of our own: " << std::strerror(unshareError);
+    }
+    ASSERT_EQ(0, unshareError) << std::strerror(unshareError);
+    ASSERT_EQ("", mountError);
     EXPECT_EQ(400, response.statusCode);
-    EXPECT_TRUE(response.headers.empty());
-    EXPECT_EQ(nullptr, request.handle);
     EXPECT_EQ(0u, backend->requestCount());
   }
+}
+
+// A kept handle remembers the store libcurl cached for its first connection;
+// a later request must be checked against its own CAs only.
+TEST(HttpTlsTest, AKeptHandleTrustsNoEarlierRequestsCas) {
+  BackendOptions options;
+  auto trusted = StartBackend(options);
+  options.serverCert = ServerCertKind::UntrustedCa;
+  auto untrusted = StartBackend(options);
+  ASSERT_TRUE(trusted && untrusted);
+  const std::string bothCas = Pki().caCertPem() + Pki().untrustedCaCertPem();
+  Http::Request request = DeviceRequest(Http::GET, trusted->baseUrl("OPID") + "/test/method");
+  request.caCertificates = bothCas.c_str();
+  request.keepAlive = true;
+  Http::Response response;
+  Http::Perform(request, response);
+  ASSERT_EQ(200, response.statusCode);
+  ASSERT_NE(nullptr, request.handle);
+
+  request.caCertificates = Pki().caCertPem().c_str();
+  request.url = untrusted->baseUrl("OPID") + "/test/method";
+  Http::Perform(request, response);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_EQ(0u, untrusted->requestCount());
+  Http::Cleanup(request);
 }
 
 TEST_F(HttpTest, ConcurrentPerformsFromSeveralThreads) {

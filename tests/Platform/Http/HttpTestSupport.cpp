@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "support/TestSupport.h"
-
 namespace LumHttpTest {
 
 namespace {
@@ -15,7 +13,6 @@ namespace {
 struct Material {
   Lum::Tools::TestPki pki;
   Lum::Tools::DeviceIdentity device;
-  LumTest::TempDir trustDir;
 };
 
 const Material& Shared() {
@@ -35,11 +32,6 @@ const Material& Shared() {
                                   Lum::Tools::KeyType::Rsa2048, &error)) {
       ADD_FAILURE() << "test PKI: " << error;
     }
-    // The process's default trust store names the untrusted CA: only the CAs
-    // a request itself names may count.
-    LumTest::WriteFile(material.trustDir.file("ca.pem"), material.pki.untrustedCaCertPem());
-    setenv("SSL_CERT_FILE", material.trustDir.file("ca.pem").c_str(), 1);
-    setenv("SSL_CERT_DIR", material.trustDir.path().c_str(), 1);
   });
   return material;
 }

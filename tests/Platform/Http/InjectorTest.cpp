@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Base/Injector.h"
@@ -93,6 +95,7 @@ TEST_F(InjectorTest, ScriptedStatusesPlayInTurnAndTheLastRepeats) {
   for (int i = 0; i < 3; ++i) {
     const Http::Response response = perform("da/state");
     EXPECT_EQ(200, response.statusCode);
+    EXPECT_TRUE(response.answered);
     EXPECT_EQ("{}", response.body);  // no body configured
   }
   EXPECT_EQ(4u, Injector::Instance().entries()[0].calls);
@@ -151,6 +154,28 @@ TEST_F(InjectorTest, DurationDelaysTheAnswer) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(200, perform("slow").statusCode);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(950));
+}
+
+// A cancel cuts a canned wait short, and the answer is not given.
+TEST_F(InjectorTest, CancelEndsTheWaitWithoutAnAnswer) {
+  configure(R"([{"suffix":"slow","responses":[{"statusCode":200,"duration":60}]}])");
+  std::atomic<bool> cancel{false};
+  Http::Request request = LumHttpTest::DeviceRequest(Http::POST, base_ + "slow");
+  request.cancel = &cancel;
+  std::thread canceller([&cancel] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancel = true;
+  });
+  Http::Response response;
+  const auto start = std::chrono::steady_clock::now();
+  Http::Perform(request, response);
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  canceller.join();
+  EXPECT_TRUE(request.mock);
+  EXPECT_EQ(400, response.statusCode);
+  EXPECT_FALSE(response.answered);
+  EXPECT_LT(elapsed, std::chrono::seconds(10));
+  EXPECT_EQ(0u, backend_->requestCount());
 }
 
 }  // namespace

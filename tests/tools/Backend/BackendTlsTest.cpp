@@ -54,8 +54,8 @@ bool Has(const std::string& text, const std::string& part) {
 }
 
 TEST_F(BackendTlsTest, OnlyDevicesOfTheTrustedCaAreServed) {
-  const std::string rogue = "-cert " + file(TestPki::kRogueDeviceCert) + " -key " +
-                            file(TestPki::kRogueDeviceKey);
+  const std::string rogue =
+      "-cert " + file(TestPki::kRogueDeviceCert) + " -key " + file(TestPki::kRogueDeviceKey);
   EXPECT_FALSE(Has(opensslGet(""), "HTTP/1.1"));
   EXPECT_FALSE(Has(opensslGet(rogue), "HTTP/1.1"));
   EXPECT_EQ(backend_->requestCount(), 0u);
@@ -70,12 +70,15 @@ TEST_F(BackendTlsTest, StaplesTheConfiguredOcspAnswer) {
   struct Case {
     OcspMode mode;
     const char* stapled;  // as the openssl client reports it
+    bool nextUpdate;
     bool agentAccepts;
   } cases[] = {
-      {OcspMode::Good, "Cert Status: good", true},
-      {OcspMode::Revoked, "Cert Status: revoked", false},
-      {OcspMode::Expired, "Cert Status: good", false},  // but past its next update
-      {OcspMode::None, "OCSP response: no response sent", false},
+      {OcspMode::Good, "Cert Status: good", true, true},
+      {OcspMode::Revoked, "Cert Status: revoked", true, false},
+      {OcspMode::Expired, "Cert Status: good", true, false},  // but past its next update
+      {OcspMode::Stale, "Cert Status: good", false, false},   // but 400 days old
+      {OcspMode::FreshWithoutNextUpdate, "Cert Status: good", false, true},
+      {OcspMode::None, "OCSP response: no response sent", false, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.stapled);
@@ -83,6 +86,7 @@ TEST_F(BackendTlsTest, StaplesTheConfiguredOcspAnswer) {
     const std::string seen = opensslGet(deviceCredentials());
     EXPECT_TRUE(Has(seen, c.stapled)) << seen;
     EXPECT_EQ(Has(seen, "OCSP Response Status: successful"), c.mode != OcspMode::None) << seen;
+    EXPECT_EQ(Has(seen, "Next Update:"), c.nextUpdate) << seen;
     EXPECT_TRUE(Has(seen, "Verify return code: 0 (ok)")) << seen;
     EXPECT_TRUE(Has(seen, "TLSv1.3")) << seen;
     EXPECT_EQ(call(Http::GET, "/test/method").statusCode, c.agentAccepts ? 200 : 400);

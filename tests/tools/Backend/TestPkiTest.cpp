@@ -30,8 +30,11 @@ TEST_F(TestPkiTest, WrittenDirectoryLoadsBack) {
   EXPECT_EQ(loaded.caCertPem(), pki_->caCertPem());
   EXPECT_EQ(loaded.serverKeyPem(ServerCertKind::WrongHost),
             pki_->serverKeyPem(ServerCertKind::WrongHost));
-  EXPECT_EQ(loaded.ocspResponse(ServerCertKind::Default, OcspStatus::Revoked),
-            pki_->ocspResponse(ServerCertKind::Default, OcspStatus::Revoked));
+  for (const OcspStatus status : {OcspStatus::Good, OcspStatus::Revoked, OcspStatus::Expired,
+                                  OcspStatus::Stale, OcspStatus::FreshWithoutNextUpdate}) {
+    EXPECT_EQ(loaded.ocspResponse(ServerCertKind::Default, status),
+              pki_->ocspResponse(ServerCertKind::Default, status));
+  }
   EXPECT_EQ(loaded.loadedDevice().commonName, name);
   EXPECT_EQ(loaded.loadedDevice().passPhrase, "pass phrase");
   EXPECT_EQ(loaded.loadedDevice().encryptedKeyPem, device.encryptedKeyPem);
