@@ -33,11 +33,12 @@ void ControlLoop::logDelay(const char* name, int service, long long ms, ControlC
 }
 
 void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
-                      ControlCycle& cycle) {
+                      ControlCycle& cycle, const std::atomic<bool>& cancel) {
   LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s started", name);
   LockMutex lock(&mutex);
   while (!cycle.stopping()) {
-    if (!ExceptionBarrier::Run(name, [&] { runOnce(name, service, mutex, delaySem, cycle); })) {
+    if (!ExceptionBarrier::Run(name,
+                               [&] { runOnce(name, service, mutex, delaySem, cycle, cancel); })) {
       // Whatever threw (a hostile answer, an exhausted heap) may throw again
       // at once; a pause that termination can cut short keeps that from
       // becoming a busy loop, and the next round starts from a fresh
@@ -50,7 +51,7 @@ void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& del
 }
 
 void ControlLoop::runOnce(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
-                          ControlCycle& cycle) {
+                          ControlCycle& cycle, const std::atomic<bool>& cancel) {
   timespec deadline{};
   const ControlCycle::Wait wait = cycle.nextWait(deadline);
   if (wait == ControlCycle::Wait::Forever) {
@@ -82,6 +83,7 @@ void ControlLoop::runOnce(const char* name, int service, Mutex& mutex, TimedSem&
   Http::Request request;
   Http::Response response;
   cycle.prepMicroService(request);
+  request.cancel = &cancel;
   {
     UnlockMutex unlocked(mutex);
     Http::Perform(request, response);

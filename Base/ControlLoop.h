@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <ctime>
 #include <string>
 
@@ -41,13 +42,14 @@ class ControlCycle {
 // services, support view and software update threads behave alike.
 class ControlLoop {
  public:
+  // Every transfer ends early once `cancel` is set (the agent stopping).
   static void Run(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
-                  ControlCycle& cycle);
+                  ControlCycle& cycle, const std::atomic<bool>& cancel);
 
  private:
   // One wait or one call; called and returning with the mutex held.
   static void runOnce(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
-                      ControlCycle& cycle);
+                      ControlCycle& cycle, const std::atomic<bool>& cancel);
   static void logDelay(const char* name, int service, long long ms, ControlCycle& cycle);
 };
 

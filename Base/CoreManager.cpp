@@ -432,7 +432,8 @@ void CoreManager::updateTimestamp(const timespec& base, timespec& out, unsigned 
 
 void* CoreManager::StateControl(void* arg) {
   CoreManager* self = static_cast<CoreManager*>(arg);
-  ControlLoop::Run("StateControl", kCore, self->mutex_, *self->delaySem_, *self);
+  ControlLoop::Run("StateControl", kCore, self->mutex_, *self->delaySem_, *self,
+                   self->transfersCancelled_);
   return nullptr;
 }
 
@@ -535,12 +536,7 @@ void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
   PersistentValues& p = *persistent_;
   switch (ms) {
     case GetDeviceIdentity:
-      if (p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()))) {
-        // Refusals counted against the old token say nothing about the new
-        // one; kept, they would hold its first synchronisation back, and the
-        // held-back call would be another registration, for ever.
-        volatile_->badSynchs = 0;
-      }
+      p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()));
       break;
     case CheckForNotification:
       if (!JsonUtil::ReadBool(answer, "daStateSynchronized", true)) {
@@ -674,6 +670,10 @@ void CoreManager::setNotSynchronized() {
 }
 
 void CoreManager::retireGidToken() {
+  // The refusals counted against this token say nothing about the next one
+  // (a new token is only ever asked for once the old one is gone); kept,
+  // they would hold the new token's first synchronisation back, and the
+  // held-back call would be another registration, for ever.
   volatile_->badSynchs = 0;
   persistent_->setGidToken("");
   persistent_->setOpidSeqNum(0);

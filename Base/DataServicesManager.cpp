@@ -240,7 +240,8 @@ void DataServicesManager::computeDeadline() {
 
 void* DataServicesManager::UploadControl(void* arg) {
   DataServicesManager* self = static_cast<DataServicesManager*>(arg);
-  Core::ControlLoop::Run("UploadControl", kDs, TheCore().getMutex(), self->sem_, *self);
+  Core::ControlLoop::Run("UploadControl", kDs, TheCore().getMutex(), self->sem_, *self,
+                         TheCore().transfersCancelled());
   return nullptr;
 }
 

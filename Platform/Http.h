@@ -73,7 +73,6 @@ class Http {
     uint32_t bodyLength = 0;
     bool bodyOverflow = false;
     bool uploadComplete = false;
-    bool answered = false;  // TEMP until the transport branch lands
     double uploadSpeed = 0;    // bytes per second
     double downloadSpeed = 0;  // bytes per second
   };

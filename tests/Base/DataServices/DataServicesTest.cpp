@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -299,17 +301,113 @@ TEST(DataServices, ItemsQueuedAtTerminationAreUploadedAfterTheRestart) {
       seconds(10)));
 }
 
-TEST(DataServices, AFactoryResetLosesTheQueuedItems) {
+// Names of the files in the persistent directory that belong to `name`
+// (its versions, checksum and scratch files included).
+std::vector<std::string> FilesOf(const AgentHarness& agent, const std::string& name) {
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(agent.persistentPath())) {
+    const std::string file = entry.path().filename().string();
+    if (file == name || file.compare(0, name.size() + 1, name + ".") == 0) {
+      found.push_back(file);
+    }
+  }
+  return found;
+}
+
+TEST(DataServices, AFactoryResetLosesTheQueuedItemsAndTheUploadTime) {
   AgentHarness agent;
   RunWithUploadsRefused(agent, {"a", "b"});
+  ASSERT_TRUE(agent.stop());
+  ASSERT_FALSE(FilesOf(agent, "dsTime").empty());
+  ASSERT_FALSE(FilesOf(agent, "data").empty());
+  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(65536)), LUM_RESULT_SUCCESS);
   ASSERT_TRUE(agent.stop(true));
-  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "data"), "");
+  EXPECT_EQ(FilesOf(agent, "data"), std::vector<std::string>());
+  EXPECT_EQ(FilesOf(agent, "dsTime"), std::vector<std::string>());
 
   agent.backend().clearFaults();
   Start(agent, Tunables(300, 300));
   ASSERT_EQ(Submit(Item("TvTune", "after reset")), 0u);
   ASSERT_TRUE(agent.backend().waitForPackages(1, seconds(15)));
   EXPECT_EQ(ArrivedTags(agent), (Tags{"after reset"}));
+}
+
+// Refuses every write, as a full disk does.
+class FullDisk : public Lum::Core::FileOperations {
+ public:
+  ssize_t write(int, const void*, size_t) override {
+    errno = ENOSPC;
+    return -1;
+  }
+};
+
+// The stored queue is the only copy of its items until a newer one replaces
+// it: a run whose store fails at the end must leave the old one in place.
+TEST(DataServices, AStoreThatFailsAtTheEndKeepsTheStoredQueue) {
+  AgentHarness agent;
+  RunWithUploadsRefused(agent, {"a", "b"});
+  ASSERT_TRUE(agent.stop());
+  const std::string stored = FileUtil::Load(agent.persistentPath(), "data");
+  ASSERT_NE(stored.find("\"tag\":\"b\""), std::string::npos);
+
+  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(65536)), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.waitForLog("GetUploadToken processed (503)", seconds(15)));
+  FullDisk full;
+  FileUtil::SetOperations(&full);
+  const bool stopped = agent.stop();
+  FileUtil::SetOperations(nullptr);
+  ASSERT_TRUE(stopped);
+  EXPECT_EQ(FileUtil::Load(agent.persistentPath(), "data"), stored);
+
+  agent.backend().clearFaults();
+  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(65536)), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(WaitFor([&] { return ArrivedTags(agent).size() >= 2; }, seconds(15)));
+  EXPECT_EQ(ArrivedTags(agent), (Tags{"a", "b"}));
+}
+
+// A stop during a transfer wakes UploadControl, which is not waiting then and
+// leaves without taking the wake; the next run's first wait must still run
+// its course.
+TEST(DataServices, AStopDuringATransferLeavesNoWakeForTheNextRun) {
+  AgentHarness agent;
+  Fault stall;
+  stall.count = -1;
+  stall.stallAfterHeaders = seconds(30);
+  agent.backend().injectFault(kTokenPath, stall);
+  Start(agent, Tunables(300, 300));
+  ASSERT_EQ(Submit(Item("TvPower", "a")), 0u);
+  ASSERT_TRUE(agent.backend().waitForRequests(kTokenPath, 1, seconds(15)));
+  ASSERT_TRUE(agent.stop());
+
+  agent.backend().clearFaults();
+  LumJson::Value slow = Tunables(5000, 5000);
+  for (const std::string& id : kAllowed) {
+    slow["dsAllowedDataItemIds"].append(id);
+  }
+  agent.seedPersistedValues(slow);
+  ASSERT_EQ(agent.init(LumJson::Value(), DsSection(65536)), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(agent.waitForLog("UploadControl delaying", seconds(5)));
+  EXPECT_FALSE(agent.waitForLog("UploadControl delay was previously reset", milliseconds(1500)));
+}
+
+// A canned 4xx answer for the upload is the server's refusal like a real
+// one: the package is dropped, not announced again and again.
+TEST(DataServices, AnInjectedRefusalOfTheUploadDropsThePackage) {
+  AgentHarness agent;
+  agent.backend().pushTunables(Tunables(300, 300));
+  agent.backend().setAllowedDataItemIds(kAllowed);
+  LumJson::Value injector(LumJson::objectValue);
+  injector["suffix"] = "dsdata/upload/package";
+  LumJson::Value refusal(LumJson::objectValue);
+  refusal["statusCode"] = 400;
+  injector["responses"].append(refusal);
+  LumJson::Value core(LumJson::objectValue);
+  core["injectors"].append(injector);
+  ASSERT_EQ(agent.init(core, DsSection(65536)), LUM_RESULT_SUCCESS);
+  ASSERT_TRUE(WaitFor([] { return !AllowedIdsOfStatus().empty(); }, seconds(10)));
+  ASSERT_EQ(Submit(Item("TvPower", "a")), 0u);
+  ASSERT_TRUE(agent.waitForLog("UploadDataPackage processed (400)", seconds(15)));
+  EXPECT_FALSE(agent.backend().waitForRequests(kTokenPath, 2, milliseconds(1500)));
 }
 
 // Counts the file operations that begin every store (open) and every
