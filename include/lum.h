@@ -4,6 +4,29 @@
  * The host starts the agent with LumInit, feeds it data items, asks for its
  * status and stops it with LumTerm or LumFactoryReset. Every function returns
  * one of the LUM_RESULT_* codes and never throws or aborts.
+ *
+ * What the host may rely on:
+ *
+ * - LumTerm and LumFactoryReset return at once; the agent's threads wind down
+ *   in the background and end their network transfers early. Once
+ *   LumGetStatus reports state 0 (LumDeviceAgentUninitialized) after a stop,
+ *   no thread of the agent runs any more: from then on the host may unload
+ *   the library (dlclose). Before state 0 it must not.
+ * - The host may exit at any moment, after LumTerm or without it: the agent
+ *   never destroys what its threads still use, so the exit neither crashes
+ *   nor hangs. What the stop would have stored (the data queue, the time of
+ *   the last call) is on disk only once state 0 is reported.
+ * - The agent's first use of OpenSSL asks it not to clean up in an exit
+ *   handler, which would pull its state from under a thread that is in the
+ *   middle of a handshake. A host that initialised OpenSSL itself before
+ *   LumInit, with the default exit handler, should wait for state 0 before it
+ *   exits, or initialise OpenSSL with OPENSSL_INIT_NO_ATEXIT.
+ * - A LumInit that fails inside (LUM_RESULT_REFUSED while the agent was at
+ *   state 0) leaves the agent at state 0 with nothing started and nothing
+ *   stored; LumInit may be called again.
+ * - A Lum* function called from inside a platform callback while the same
+ *   thread is already in a Lum* call (see lum_platform.h) is refused with
+ *   LUM_RESULT_REFUSED instead of waiting for the agent's lock for ever.
  */
 #ifndef LUM_H
 #define LUM_H
@@ -23,9 +46,10 @@ extern "C" {
 /* Result codes. */
 #define LUM_RESULT_SUCCESS 0u
 #define LUM_RESULT_NOT_INITIALIZED 1u /* or nothing to act on */
-#define LUM_RESULT_REFUSED 2u         /* already initialised or refused in this state */
-#define LUM_RESULT_TERMINATING 3u     /* terminating or factory resetting */
-#define LUM_RESULT_NOT_QUEUED 4u      /* data item not queued */
+/* already initialised, refused in this state, or failed inside */
+#define LUM_RESULT_REFUSED 2u
+#define LUM_RESULT_TERMINATING 3u /* terminating or factory resetting */
+#define LUM_RESULT_NOT_QUEUED 4u  /* data item not queued */
 #define LUM_RESULT_BAD_ARGUMENT 5u
 
 /* How LumGetStatus returns. */
@@ -107,8 +131,7 @@ LUM_API unsigned int LumGetStatus(LumStatusMethod method, LumStatus* status);
 LUM_API unsigned int LumFreeStatus(LumStatus* status);
 
 /* Host log lines; severity 0 (trace) to 5 (fatal). */
-LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ...)
-    LUM_PRINTF(2, 3);
+LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ...) LUM_PRINTF(2, 3);
 
 /* Remote support sessions; allowSessionCodeBypass is 0 or 1. */
 LUM_API unsigned int LumSessionInit(unsigned int allowSessionCodeBypass);

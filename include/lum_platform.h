@@ -14,6 +14,12 @@
  * Callbacks must not throw: an exception thrown by one is caught, logged and
  * answered with the item's test value.
  *
+ * Callbacks must not call the Lum* functions of lum.h. The agent calls some
+ * of them while it holds its own lock (LumInit reads the device's serial
+ * number, model and password through them), and a Lum* call would wait for
+ * that lock for ever. Such a call, made while the same thread is inside a
+ * Lum* call, is refused with LUM_RESULT_REFUSED and a log line.
+ *
  * This is a C++ header: the callbacks exchange std::string and
  * std::vector<std::string>, so the television's software must be built with
  * the same C++ standard library as liblum.
