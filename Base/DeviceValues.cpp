@@ -58,10 +58,16 @@ std::string DeviceValues::simulatedSwVersion() const {
   std::string version = initialSimulatedSwVersion_;
   const std::string text = FileUtil::Load(persistentPath_, kSwVersionFile);
   LumJson::Value root;
-  if (!text.empty() && JsonUtil::ParseObject(text, root)) {
-    version = JsonUtil::ReadText(root, "swVersion", version);
+  if (text.empty()) {
+    return version;
   }
-  return version;
+  if (!JsonUtil::ParseObject(text, root) || !root.isMember("swVersion") ||
+      !root["swVersion"].isString()) {
+    LUM_LOG(kService, FilterProperties::CATEGORY_STATE, FilterProperties::SEVERITY_WARNING,
+            "Ignoring %s, it does not hold a software version", kSwVersionFile);
+    return version;
+  }
+  return root["swVersion"].asString();
 }
 
 void DeviceValues::takeMembers(const char* device) {

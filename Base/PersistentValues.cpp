@@ -68,6 +68,18 @@ LumJson::Value IdSetToArray(const std::set<std::string>& ids) {
   return array;
 }
 
+// A member of the wrong kind keeps the value it would replace; the file was
+// damaged or edited by hand, or the back end sent nonsense, and the log says
+// which.
+void WarnIfWrongKind(const LumJson::Value& root, const char* key,
+                     bool (LumJson::Value::*isKind)() const, const char* kind) {
+  const LumJson::Value* member = root.find(key, key + std::strlen(key));
+  if (member != nullptr && !(member->*isKind)()) {
+    LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
+            "Ignoring \"%s\", it is not %s", key, kind);
+  }
+}
+
 // The whole document as one JSON line, for test harnesses reading the log.
 void LogLoadedDocument(const LumJson::Value& root) {
   if (!Logger::Instance().test(FP::SERVICE_CORE, FP::CATEGORY_TEST, FP::SEVERITY_DEBUG)) {
@@ -304,18 +316,24 @@ bool PersistentValues::readBackEndTunables(const LumJson::Value& answer) {
 void PersistentValues::readDocument(const LumJson::Value& root) {
   for (const Field& field : Fields()) {
     const char* key = field.key;
-    std::visit(
-        Overloaded{
-            [&](bool PersistentValues::*m) { this->*m = JsonUtil::ReadBool(root, key, this->*m); },
-            [&](uint32_t PersistentValues::*m) {
-              this->*m = JsonUtil::ReadUnsigned(root, key, this->*m);
-            },
-            [&](std::string PersistentValues::*m) {
-              this->*m = JsonUtil::ReadText(root, key, this->*m);
-            },
-        },
-        field.member);
+    std::visit(Overloaded{
+                   [&](bool PersistentValues::*m) {
+                     WarnIfWrongKind(root, key, &LumJson::Value::isBool, "true or false");
+                     this->*m = JsonUtil::ReadBool(root, key, this->*m);
+                   },
+                   [&](uint32_t PersistentValues::*m) {
+                     WarnIfWrongKind(root, key, &LumJson::Value::isUInt,
+                                     "a whole number from 0 to 4294967295");
+                     this->*m = JsonUtil::ReadUnsigned(root, key, this->*m);
+                   },
+                   [&](std::string PersistentValues::*m) {
+                     WarnIfWrongKind(root, key, &LumJson::Value::isString, "a text");
+                     this->*m = JsonUtil::ReadText(root, key, this->*m);
+                   },
+               },
+               field.member);
   }
+  WarnIfWrongKind(root, kAllowedIdsKey, &LumJson::Value::isArray, "an array");
   const LumJson::Value& allowedIds = root[kAllowedIdsKey];
   if (allowedIds.isArray()) {
     dsAllowedDataItemIds_ = ReadIdSet(allowedIds);

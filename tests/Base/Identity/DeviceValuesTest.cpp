@@ -8,6 +8,7 @@
 #include "Base/DeviceValues.h"
 #include "Platform/FileUtil.h"
 #include "lum_platform.h"
+#include "support/LogCapture.h"
 #include "support/PlatformRegistration.h"
 #include "support/TestSupport.h"
 
@@ -101,6 +102,7 @@ TEST(DeviceValues, SimulatedSoftwareVersion) {
       {"no file gives the initial version", true, "1.0.0", nullptr, "{}", "1.0.0"},
       {"the file's version", true, "1.0.0", R"({"swVersion":"2.0.0"})", "{}", "2.0.0"},
       {"a file that is not JSON", true, "1.0.0", "2.0.0", "{}", "1.0.0"},
+      {"a version that is not a text", true, "1.0.0", R"({"swVersion":5})", "{}", "1.0.0"},
       {"the device text wins over the file", true, "1.0.0", R"({"swVersion":"2.0.0"})",
        R"({"swVersion":"9.9"})", "9.9"},
       {"no initial version and no file", true, "", nullptr, "{}", "veltrane_sw_version"},
@@ -113,9 +115,13 @@ TEST(DeviceValues, SimulatedSoftwareVersion) {
     if (c.file != nullptr) {
       ASSERT_TRUE(Lum::Core::FileUtil::Store(persistentPath, "swVersion", c.file));
     }
+    LumTest::LogCapture capture("warning");
     const DeviceValues device(c.device, c.simulate, c.initial, persistentPath);
     EXPECT_EQ(device.getSwVersion(), c.expected);
     EXPECT_EQ(device.getModel(), "55NV900");
+    // A file that is there but holds no version is said to be ignored.
+    const bool unusable = c.simulate && c.file != nullptr && c.expected == std::string(c.initial);
+    EXPECT_EQ(unusable, capture.logged("Ignoring swVersion, it does not hold a software version"));
   }
 }
 

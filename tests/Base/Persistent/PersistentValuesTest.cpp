@@ -10,6 +10,7 @@
 #include "Base/ProductIdentity.h"
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
+#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 #include "tools/pki/TestPki.h"
 
@@ -92,29 +93,34 @@ TEST(PersistentValuesTest, MarshalUnmarshalRoundTrip) {
 }
 
 // A member of the wrong kind, or a number that does not fit an unsigned
-// 32-bit value exactly, keeps the current value; the others are still read.
+// 32-bit value exactly, keeps the current value with a warning; the others
+// are still read.
 TEST(PersistentValuesTest, MembersOfTheWrongKindKeepTheirValue) {
   const struct {
     const char* member;
     const char* key;
     const char* expected;  // the member afterwards, as compact JSON
+    bool warned;
   } cases[] = {
-      {"\"daPollDelayFixedMs\":-1", "daPollDelayFixedMs", "3150000"},
-      {"\"daPollDelayFixedMs\":4294967296", "daPollDelayFixedMs", "3150000"},
-      {"\"daPollDelayFixedMs\":1.5", "daPollDelayFixedMs", "3150000"},
-      {"\"gidSeqNum\":7.0", "gidSeqNum", "7"},
-      {"\"daSupportViewEnabled\":0", "daSupportViewEnabled", "true"},
-      {"\"gidToken\":5", "gidToken", "\"\""},
-      {"\"dsAllowedDataItemIds\":\"DeviceInfoMac\"", "dsAllowedDataItemIds", "[]"},
+      {"\"daPollDelayFixedMs\":-1", "daPollDelayFixedMs", "3150000", true},
+      {"\"daPollDelayFixedMs\":4294967296", "daPollDelayFixedMs", "3150000", true},
+      {"\"daPollDelayFixedMs\":1.5", "daPollDelayFixedMs", "3150000", true},
+      {"\"gidSeqNum\":7.0", "gidSeqNum", "7", false},
+      {"\"daSupportViewEnabled\":0", "daSupportViewEnabled", "true", true},
+      {"\"gidToken\":5", "gidToken", "\"\"", true},
+      {"\"dsAllowedDataItemIds\":\"DeviceInfoMac\"", "dsAllowedDataItemIds", "[]", true},
       {"\"dsAllowedDataItemIds\":[\"b\",5,null,\"a\",\"b\"]", "dsAllowedDataItemIds",
-       "[\"a\",\"b\"]"},
+       "[\"a\",\"b\"]", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.member);
+    LumTest::LogCapture capture("warning");
     PV values;
     ASSERT_TRUE(values.unmarshal(std::string("{") + c.member + ",\"suMaxRetryCount\":9}"));
     EXPECT_EQ(c.expected, JsonUtil::WriteCompact(Document(values)[c.key]));
     EXPECT_EQ(9u, values.getSuMaxRetryCount());
+    EXPECT_EQ(c.warned,
+              capture.text().find(std::string("Ignoring \"") + c.key + "\"") != std::string::npos);
   }
 }
 
