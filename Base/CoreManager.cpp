@@ -171,12 +171,9 @@ unsigned CoreManager::terminate(bool factoryReset) {
   LUM_TRACE(kCore);
   {
     LockMutex lock(&mutex_);
-    reapTermination();
-    if (state_ == Uninitialized) {
-      return LUM_RESULT_NOT_INITIALIZED;
-    }
-    if (isTerminating()) {
-      return LUM_RESULT_TERMINATING;
+    const unsigned refusal = refusalUnlessRunning();
+    if (refusal != LUM_RESULT_SUCCESS) {
+      return refusal;
     }
     state_ = factoryReset ? FactoryResetting : Terminating;
     signalStatusChange();
@@ -269,6 +266,14 @@ void CoreManager::storeOrDropCoreFiles() {
   } else if (storesOnStop() && timeFileLoaded_) {
     storeTimeFile();
   }
+}
+
+unsigned CoreManager::refusalUnlessRunning() {
+  reapTermination();
+  if (state_ == Uninitialized) {
+    return LUM_RESULT_NOT_INITIALIZED;
+  }
+  return isTerminating() ? LUM_RESULT_TERMINATING : LUM_RESULT_SUCCESS;
 }
 
 void CoreManager::reapTermination() {
@@ -629,12 +634,9 @@ void CoreManager::setRequestIdentity(Http::Request& request) {
 unsigned CoreManager::enableTestMode() {
   LUM_TRACE(kCore);
   LockMutex lock(&mutex_);
-  reapTermination();
-  if (state_ == Uninitialized) {
-    return LUM_RESULT_NOT_INITIALIZED;
-  }
-  if (isTerminating()) {
-    return LUM_RESULT_TERMINATING;
+  const unsigned refusal = refusalUnlessRunning();
+  if (refusal != LUM_RESULT_SUCCESS) {
+    return refusal;
   }
   if (persistent_->setTestMode(true)) {
     signalStatusChange();
@@ -649,12 +651,9 @@ unsigned CoreManager::enableTestMode() {
 unsigned CoreManager::checkForSoftwareUpdate() {
   LUM_TRACE(kCore);
   LockMutex lock(&mutex_);
-  reapTermination();
-  if (state_ == Uninitialized) {
-    return LUM_RESULT_NOT_INITIALIZED;
-  }
-  if (isTerminating()) {
-    return LUM_RESULT_TERMINATING;
+  const unsigned refusal = refusalUnlessRunning();
+  if (refusal != LUM_RESULT_SUCCESS) {
+    return refusal;
   }
   if (persistent_->setSuCheckForSoftwareUpdate(true) && volatile_->busy) {
     volatile_->pending = true;

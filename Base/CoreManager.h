@@ -111,6 +111,9 @@ class CoreManager : private ControlCycle {
   // Once the terminate thread has finished, joins it and reports state 0.
   // Called with the mutex held by every host call that reads the state.
   void reapTermination();
+  // What a host call that needs a running agent answers (1 before a start,
+  // 3 while stopping), or 0 when it runs; reaps first. With the mutex held.
+  unsigned refusalUnlessRunning();
 
   // The call to run next; `holdBack` when it must wait a poll delay even
   // though it is not a poll.

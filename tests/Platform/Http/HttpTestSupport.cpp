@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
+#include <thread>
 
 namespace LumHttpTest {
 
@@ -65,6 +67,24 @@ Lum::Core::Http::Request DeviceRequest(Lum::Core::Http::Verb verb, const std::st
   request.connectTimeout = 5000;
   request.messageTimeout = 20000;
   return request;
+}
+
+std::chrono::steady_clock::duration PerformCancelled(Lum::Core::Http::Request& request,
+                                                     Lum::Core::Http::Response& response,
+                                                     const std::function<bool()>& underWay) {
+  std::atomic<bool> cancel{false};
+  request.cancel = &cancel;
+  std::thread canceller([&] {
+    EXPECT_TRUE(underWay());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    cancel = true;
+  });
+  const auto start = std::chrono::steady_clock::now();
+  Lum::Core::Http::Perform(request, response);
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  canceller.join();
+  request.cancel = nullptr;
+  return elapsed;
 }
 
 }  // namespace LumHttpTest

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,5 +24,11 @@ std::unique_ptr<Lum::Tools::Backend> StartBackend(
 // A request carrying the device's credentials (plain key) and time-outs
 // short enough for tests, long enough for a loaded sanitizer build.
 Lum::Core::Http::Request DeviceRequest(Lum::Core::Http::Verb verb, const std::string& url);
+
+// Performs `request`, setting its cancel flag from another thread once
+// `underWay` holds (then 200 ms later); returns how long Perform took.
+std::chrono::steady_clock::duration PerformCancelled(Lum::Core::Http::Request& request,
+                                                     Lum::Core::Http::Response& response,
+                                                     const std::function<bool()>& underWay);
 
 }  // namespace LumHttpTest

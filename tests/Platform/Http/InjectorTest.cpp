@@ -159,18 +159,9 @@ TEST_F(InjectorTest, DurationDelaysTheAnswer) {
 // A cancel cuts a canned wait short, and the answer is not given.
 TEST_F(InjectorTest, CancelEndsTheWaitWithoutAnAnswer) {
   configure(R"([{"suffix":"slow","responses":[{"statusCode":200,"duration":60}]}])");
-  std::atomic<bool> cancel{false};
   Http::Request request = LumHttpTest::DeviceRequest(Http::POST, base_ + "slow");
-  request.cancel = &cancel;
-  std::thread canceller([&cancel] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    cancel = true;
-  });
   Http::Response response;
-  const auto start = std::chrono::steady_clock::now();
-  Http::Perform(request, response);
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  canceller.join();
+  const auto elapsed = LumHttpTest::PerformCancelled(request, response, [] { return true; });
   EXPECT_TRUE(request.mock);
   EXPECT_EQ(400, response.statusCode);
   EXPECT_FALSE(response.answered);
