@@ -213,15 +213,11 @@ void* CoreManager::TerminateThread(void* arg) {
 // again.
 void CoreManager::runTermination(bool onTerminateThread) {
   LUM_TRACE(kCore);
-  ExceptionBarrier::Run("TerminateThread", [] {
-    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
-    EventManager::Instance()->terminateEnd();
-  });
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
+  ExceptionBarrier::Run("TerminateThread", [] { EventManager::Instance()->terminateEnd(); });
   for (Manager* manager : managers_) {
-    ExceptionBarrier::Run("TerminateThread", [manager] {
-      LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
-      manager->terminateEnd();
-    });
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
+    ExceptionBarrier::Run("TerminateThread", [manager] { manager->terminateEnd(); });
   }
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for StateControl to join");
   // Read under the mutex: a failed start may not have built the values.

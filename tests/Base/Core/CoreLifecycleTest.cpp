@@ -204,11 +204,13 @@ LumJson::Value WithTestFormatLog(const AgentHarness& agent, const std::string& p
   logger["type"] = "file";
   logger["argument"] = path;
   logger["format"] = "long";
-  LumJson::Value filter(LumJson::objectValue);
-  filter["service"] = "core";
-  filter["category"] = "clibapi";
-  filter["severity"] = "trace";
-  logger["filters"].append(filter);
+  for (const char* category : {"clibapi", "state"}) {
+    LumJson::Value filter(LumJson::objectValue);
+    filter["service"] = "core";
+    filter["category"] = category;
+    filter["severity"] = "trace";
+    logger["filters"].append(filter);
+  }
   LumJson::Value core(LumJson::objectValue);
   core["loggers"] = config["core"]["loggers"];
   core["loggers"].append(logger);
@@ -262,6 +264,8 @@ TEST(CoreLifecycle, BadArgumentsReturnFiveWithTheirLine) {
   }
   EXPECT_GE(entryLines, 8);
   EXPECT_TRUE(agent.stop());
+  // No line, the shutdown's included, is logged from inside a lambda's name.
+  EXPECT_EQ(LumTest::ReadFile(testLog).find("-{operator()}"), std::string::npos);
   // Short format: service, category, severity, message.
   EXPECT_NE(agent.log().find("core supervisor trace   7\n"), std::string::npos);
   EXPECT_NE(agent.log().find("core supervisor fatal   host says bye\n"), std::string::npos);
