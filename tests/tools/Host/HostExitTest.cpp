@@ -137,15 +137,11 @@ TEST(HostExitTest, UnloadingTheLibraryAfterStateZeroIsSafe) {
 #endif
   AgentHarness agent;
   agent.backend().pushTunables(LumTest::QuickTunables(100, 100));
-  const std::string dir = agent.persistentPath();
-  LumTest::WriteFile(dir + "/identity.json", agent.identityText());
-  LumTest::WriteFile(dir + "/config.json", agent.configText());
-  LumTest::WriteFile(dir + "/device.json", agent.deviceText());
   // Every load leaves the library's never-destroyed objects behind, which
   // the leak checker would count once the library is gone.
   const std::string outcome =
-      RunHost({LUM_UNLOAD_HOST, LUM_LIBRARY, dir + "/identity.json", dir + "/config.json",
-               dir + "/device.json", "200"},
+      RunHost({LUM_UNLOAD_HOST, LUM_LIBRARY, agent.identityText(), agent.configText(),
+               agent.deviceText(), "200"},
               std::chrono::seconds(300), EnvironmentWith("ASAN_OPTIONS", "detect_leaks=0"));
   EXPECT_EQ(outcome, "");
   EXPECT_GT(agent.backend().requestCount(), 0u);
