@@ -31,14 +31,10 @@ unsigned ReadUnsigned(const LumJson::Value& object, const char* key, unsigned fa
   return value.isUInt() ? value.asUInt() : fallback;
 }
 
-bool Cancelled(const Http::Request& request) {
-  return request.cancel != nullptr && request.cancel->load();
-}
-
 // False as soon as the request is cancelled, true once the wait is over.
 bool WaitUnlessCancelled(unsigned seconds, const Http::Request& request) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!Cancelled(request)) {
+  while (!request.cancelled()) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= end) {
       return true;

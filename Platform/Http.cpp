@@ -243,10 +243,6 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
   return size * count;
 }
 
-bool Cancelled(const Http::Request& request) {
-  return request.cancel != nullptr && request.cancel->load();
-}
-
 // What the progress callback of one transfer works with.
 struct Progress {
   const Http::Request* request;
@@ -261,7 +257,7 @@ int ProgressCallback(void* userData, curl_off_t /*downloadTotal*/, curl_off_t /*
   if (uploadNow == uploadTotal && uploadNow >= 1) {
     progress->response->uploadComplete = true;
   }
-  return Cancelled(*progress->request) ? 1 : 0;
+  return progress->request->cancelled() ? 1 : 0;
 }
 
 const char* DebugLabel(curl_infotype type) {
@@ -601,7 +597,7 @@ void Http::Perform(Request& request, Response& response) {
   CURLcode code = CURLE_OK;
   if (!SetCommonOptions(request, response, headerList, &progress)) {
     LUM_LOG(kCore, kWeb, kError, "TLS protection incomplete, the request is not sent");
-  } else if (Cancelled(request)) {
+  } else if (request.cancelled()) {
     LUM_LOG(kCore, kWeb, kInfo, "Request cancelled, not sent");
   } else {
     form = SetVerbOptions(request);

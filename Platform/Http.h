@@ -54,6 +54,8 @@ class Http {
     // and a canned answer's wait ends, all leaving status 400: a terminating
     // agent never waits on the network.
     const std::atomic<bool>* cancel = nullptr;
+
+    bool cancelled() const { return cancel != nullptr && cancel->load(); }
   };
 
   // The outcome of a call. With `bodyBuffer` set the body goes there (binary
