@@ -41,35 +41,10 @@ std::string TokenBody(const std::string& hash) {
 // host with the GID token, the package as a form to the region's host.
 class BackendUploadTest : public BackendTest {
  protected:
-  Http::Response send(const std::string& url, std::vector<std::string> headers,
-                      const std::string& body, const std::string* data = nullptr,
-                      const std::string& token = "") const {
-    Http::Request request;
-    request.verb = Http::POST;
-    request.url = url;
-    request.clientCertificate = device_.certPem.c_str();
-    request.clientKey = device_.keyPem.c_str();
-    request.caCertificates = device_.trustPem.c_str();
-    request.connectTimeout = 5000;
-    request.messageTimeout = 20000;
-    request.headers = std::move(headers);
-    request.body = body;
-    if (data != nullptr) {
-      request.data = reinterpret_cast<const uint8_t*>(data->data());
-      request.dataLength = static_cast<uint32_t>(data->size());
-      request.token = token;
-    }
-    Http::Response response;
-    Http::Perform(request, response);
-    return response;
-  }
   Http::Response askToken(const std::string& gid, const std::string& body,
                           const std::string& base = "") const {
-    std::vector<std::string> headers = {"Content-Type: application/json; charset=UTF-8"};
-    if (!gid.empty()) {
-      headers.push_back("Authorization: " + gid);
-    }
-    return send((base.empty() ? backend_->dsBaseUrl(kOpid) : base) + kTokenPath, headers, body);
+    return call(Http::POST, kTokenPath, gid, body, 20000,
+                base.empty() ? backend_->dsBaseUrl(kOpid) : base);
   }
   std::string tokenFor(const std::string& gid, const std::string& package) const {
     Http::Response response = askToken(gid, TokenBody(Hash(package)));
@@ -78,7 +53,11 @@ class BackendUploadTest : public BackendTest {
   }
   Http::Response upload(const std::string& token, const std::string& package,
                         const std::string& region = "eu1") const {
-    return send(backend_->dsDataBaseUrl(kOpid, region) + kPackagePath, {}, "", &package, token);
+    Http::Request request = deviceRequest(backend_->dsDataBaseUrl(kOpid, region) + kPackagePath);
+    request.data = reinterpret_cast<const uint8_t*>(package.data());
+    request.dataLength = static_cast<uint32_t>(package.size());
+    request.token = token;
+    return Perform(request);
   }
 };
 
@@ -158,39 +137,6 @@ TEST_F(BackendUploadTest, UploadsMustMatchTheTokensRegionAndHashAndSpendIt) {
   EXPECT_EQ(stored[1]["dateTime"].asString(), "x, y");
 }
 
-TEST_F(BackendUploadTest, ATokenIsBoundToTheRegionAtItsIssue) {
-  const std::string gid = registerDevice();
-  const std::string package = Package(0, 0, {"{\"id\":\"a\"}"});
-  const std::string early = tokenFor(gid, package);
-  EXPECT_FALSE(backend_->setUploadRegion("eu_1"));
-  ASSERT_TRUE(backend_->setUploadRegion("us-west2"));
-
-  Http::Response answer = askToken(gid, TokenBody(Hash(package)));
-  EXPECT_EQ(Parse(answer.body)["dsUploadRegion"].asString(), "us-west2");
-  EXPECT_EQ(upload(Parse(answer.body)["dsUploadToken"].asString(), package, "eu1").statusCode, 421);
-  EXPECT_EQ(upload(early, package, "eu1").statusCode, 200);
-  EXPECT_EQ(upload(tokenFor(gid, package), package, "us-west2").statusCode, 200);
-  EXPECT_EQ(backend_->packages().size(), 2u);
-}
-
-TEST_F(BackendUploadTest, InjectedFaultsAnswerBeforeTheTokenIsLookedAt) {
-  const std::string gid = registerDevice();
-  const std::string package = Package(0, 0, {"{\"id\":\"a\"}"});
-
-  backend_->injectFault(kTokenPath, Fault{1, milliseconds(0), 200});
-  Http::Response empty = askToken(gid, TokenBody(Hash(package)));
-  EXPECT_EQ(empty.statusCode, 200);
-  EXPECT_EQ(empty.body, "{}");
-  EXPECT_EQ(backend_->uploadTokensIssued(), 0u);
-
-  const std::string token = tokenFor(gid, package);
-  backend_->injectFault(kPackagePath, Fault{1, milliseconds(0), 503});
-  EXPECT_EQ(upload(token, package).statusCode, 503);
-  EXPECT_TRUE(backend_->packages().empty());
-  EXPECT_EQ(upload(token, package).statusCode, 200);
-  EXPECT_EQ(backend_->requestCount(kPackagePath), 2u);
-}
-
 TEST_F(BackendUploadTest, ConcurrentUploadsAreAllStoredAndWakeWaiters) {
   const std::string gid = registerDevice();
   EXPECT_FALSE(backend_->waitForDataItems(1, milliseconds(20)));
@@ -206,9 +152,7 @@ TEST_F(BackendUploadTest, ConcurrentUploadsAreAllStoredAndWakeWaiters) {
       return upload(tokenFor(gid, package), package).statusCode;
     }));
   }
-  for (auto& uploader : uploaders) {
-    EXPECT_EQ(uploader.get(), 200);
-  }
+  for (auto& uploader : uploaders) EXPECT_EQ(uploader.get(), 200);
   // The waiter's own limit is far off: only a wake-up by the last package
   // ends it in time.
   ASSERT_EQ(waiter.wait_for(seconds(10)), std::future_status::ready);
