@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "Base/CoreConfig.h"
 #include "Base/Injector.h"
@@ -65,57 +65,44 @@ TEST_F(CoreConfigTest, UnusableTextsAndMistypedKeysKeepTheDefaults) {
   EXPECT_EQ(kDefaults, Read(CoreConfig(nullptr)));
 }
 
-TEST_F(CoreConfigTest, ReadsEveryKey) {
-  LumJson::Value core;
-  core["skipCurlGlobalInit"] = true;
-  core["skipSslCryptoInit"] = true;
-  core["persistentPath"] = dir_.path() + "/";
-  core["temporaryPath"] = dir_.path();
-  core["enableSwVersionSimulation"] = true;
-  core["initialSimulatedSwVersion"] = "T-1.2.3";
-  EXPECT_EQ(Values(true, true, dir_.path() + "/", dir_.path() + "/", true, "T-1.2.3"),
-            Read(CoreConfig(ConfigText(core).c_str())));
-}
-
-TEST_F(CoreConfigTest, DirectoriesBecomeAbsoluteWithOneTrailingSlash) {
+// Every key is read; directories become absolute with one trailing slash.
+TEST_F(CoreConfigTest, ReadsEveryKeyAndMakesDirectoriesAbsolute) {
   const std::string saved = std::filesystem::current_path();
   std::filesystem::current_path(dir_.path());
   const std::string cwd = std::filesystem::current_path();
-  const std::pair<std::string, std::string> cases[] = {
+  const std::pair<std::string, std::string> paths[] = {
       {"data", cwd + "/data/"}, {"data/", cwd + "/data/"}, {"/opt/lum", "/opt/lum/"}, {"/", "/"}};
-  for (const auto& [given, expected] : cases) {
-    SCOPED_TRACE(given);
+  for (size_t i = 0; i < std::size(paths); ++i) {
+    const auto& temporary = paths[(i + 1) % std::size(paths)];
+    SCOPED_TRACE(paths[i].first + " " + temporary.first);
     LumJson::Value core;
-    core["persistentPath"] = given;
-    core["temporaryPath"] = given;
-    const CoreConfig config(ConfigText(core).c_str());
-    EXPECT_EQ(expected, config.getPersistentPath());
-    EXPECT_EQ(expected, config.getTemporaryPath());
+    core["skipCurlGlobalInit"] = i % 2 == 0;  // alternating, so that a swap shows
+    core["skipSslCryptoInit"] = i % 2 == 1;
+    core["persistentPath"] = paths[i].first;
+    core["temporaryPath"] = temporary.first;
+    core["enableSwVersionSimulation"] = true;
+    core["initialSimulatedSwVersion"] = "T-1.2.3";
+    EXPECT_EQ(Values(i % 2 == 0, i % 2 == 1, paths[i].second, temporary.second, true, "T-1.2.3"),
+              Read(CoreConfig(ConfigText(core).c_str())));
   }
   std::filesystem::current_path(saved);
 }
 
 // Both are handed over as arrays; anything else is ignored.
-TEST_F(CoreConfigTest, LoggersAndInjectorsAreHandedOver) {
+TEST_F(CoreConfigTest, LoggersAndInjectorsAreHandedOverOnlyAsArrays) {
   const std::string logger =
       R"({"type":"file","format":"short","argument":")" + dir_.file("agent.log") +
       R"(","filters":[{"service":"core","category":"state","severity":"debug"}]})";
   const std::string injector = R"({"suffix":"da/state","responses":[{"statusCode":500}]})";
-  CoreConfig((R"({"core":{"loggers":)" + logger + R"(,"injectors":)" + injector + "}}").c_str());
-  EXPECT_FALSE(Logger::Instance().test(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_FATAL));
-  EXPECT_TRUE(Injector::Instance().entries().empty());
-
-  CoreConfig((R"({"core":{"skipSslCryptoInit":true,"loggers":[)" + logger + R"(],"injectors":[)" +
-              injector + "]}}")
-                 .c_str())
-      .logStateDebug();
-  EXPECT_NE(std::string::npos, LumTest::ReadFile(dir_.file("agent.log"))
-                                   .find("config->skipSslCryptoInit            : true"));
-  const std::vector<Injector::Entry> entries = Injector::Instance().entries();
-  ASSERT_EQ(1u, entries.size());
-  EXPECT_EQ("da/state", entries[0].suffix);
-  ASSERT_EQ(1u, entries[0].responses.size());
-  EXPECT_EQ(500u, entries[0].responses[0].statusCode);
+  for (const bool arrays : {false, true}) {
+    const std::string open = arrays ? "[" : "", close = arrays ? "]" : "";
+    CoreConfig((R"({"core":{"loggers":)" + open + logger + close + R"(,"injectors":)" + open +
+                injector + close + "}}")
+                   .c_str());
+    EXPECT_EQ(arrays,
+              Logger::Instance().test(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG));
+    EXPECT_EQ(arrays ? 1u : 0u, Injector::Instance().entries().size());
+  }
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -41,23 +41,16 @@ std::string Content(uint64_t seq) {
 class ScratchDir {
  public:
   ScratchDir() {
-    std::string pattern = "/dev/shm/lumcrash.XXXXXX";
-    if (mkdtemp(pattern.data()) != nullptr) {
-      path_ = pattern;
-    } else {
-      fallback_.reset(new LumTest::TempDir);
-      path_ = fallback_->path();
-    }
+    if (mkdtemp(path_.data()) == nullptr) path_ = fallback_.emplace().path();
   }
   ~ScratchDir() {
     if (!fallback_) std::filesystem::remove_all(path_);
   }
   const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  std::unique_ptr<LumTest::TempDir> fallback_;
-  std::string path_;
+  std::string path_ = "/dev/shm/lumcrash.XXXXXX";
+  std::optional<LumTest::TempDir> fallback_;
 };
 
 uint64_t SequenceOf(const std::string& text) {
@@ -125,7 +118,7 @@ TEST(FileUtilCrash, KilledWriterLeavesOldOrNewContent) {
     ReadReports(fds[0], &last, false);
     close(fds[0]);
 
-    interrupted += std::filesystem::exists(dir.file("state.tmp")) ? 1 : 0;
+    interrupted += std::filesystem::exists(dir.path() + "/state.tmp") ? 1 : 0;
     const uint64_t loaded = SequenceOf(FileUtil::Load(dir.path(), "state"));
     ASSERT_TRUE(loaded == last || loaded == last + 1)
         << "kill " << kill << ": loaded " << loaded << " after completed " << last;

@@ -1,14 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Base/Injector.h"
 #include "HttpTestSupport.h"
 #include "Platform/Http.h"
+#include "Platform/JsonUtil.h"
 
 namespace {
 
@@ -26,10 +25,8 @@ class InjectorTest : public ::testing::Test {
   void TearDown() override { Injector::Instance().terminate(); }
 
   void configure(const std::string& json) {
-    LumJson::CharReaderBuilder builder;
-    std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
     LumJson::Value value;
-    ASSERT_TRUE(reader->parse(json.data(), json.data() + json.size(), &value, nullptr)) << json;
+    ASSERT_TRUE(Lum::Core::JsonUtil::ParseStrict(json, value)) << json;
     Injector::Instance().initialize(value);
   }
 
@@ -78,10 +75,7 @@ TEST_F(InjectorTest, InitializeKeepsEntriesUpToTheFirstMalformedElement) {
 TEST_F(InjectorTest, MistypedResponseFieldsFallBackToDefaults) {
   configure(R"([{"suffix":"x","responses":[
       {"statusCode":"500","duration":-1,"body":{"k":1},"headers":["A: 1",7]}]}])");
-  const std::vector<Injector::Entry> entries = Injector::Instance().entries();
-  ASSERT_EQ(1u, entries.size());
-  ASSERT_EQ(1u, entries[0].responses.size());
-  const Injector::CannedResponse& r = entries[0].responses[0];
+  const Injector::CannedResponse r = Injector::Instance().entries().at(0).responses.at(0);
   EXPECT_EQ(0u, r.statusCode);
   EXPECT_EQ(0u, r.duration);
   EXPECT_EQ("{}", r.body);

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <future>
 
 #include "BackendFixture.h"
 
@@ -53,30 +52,6 @@ TEST_F(BackendFaultTest, FaultKindsShapeOneAnswer) {
   EXPECT_EQ(registerDevice(), "");
   backend_->clearFaults();
   EXPECT_EQ(call(Http::GET, "/test/bytes/3").body, "abc");
-}
-
-TEST_F(BackendFaultTest, StopEndsStalledAndDelayedConnectionsPromptly) {
-  Fault stall;
-  stall.stallAfterHeaders = seconds(120);
-  backend_->injectFault("/test/method", stall);
-  Fault delay;
-  delay.delay = seconds(120);
-  backend_->injectFault("/test/bytes/1", delay);
-  auto client = [this](const char* path) {
-    return std::async(std::launch::async,
-                      [this, path] { return call(Http::GET, path, "", "", 120000); });
-  };
-  auto stalledClient = client("/test/method");
-  auto delayedClient = client("/test/bytes/1");
-  ASSERT_TRUE(backend_->waitForRequests(2, seconds(10)));
-
-  auto stopped = std::async(std::launch::async, [this] { backend_->stop(); });
-  ASSERT_EQ(stopped.wait_for(seconds(10)), std::future_status::ready);
-  ASSERT_EQ(stalledClient.wait_for(seconds(10)), std::future_status::ready);
-  ASSERT_EQ(delayedClient.wait_for(seconds(10)), std::future_status::ready);
-  EXPECT_EQ(stalledClient.get().statusCode, 400);
-  EXPECT_EQ(delayedClient.get().statusCode, 400);
-  EXPECT_EQ(call(Http::GET, "/test/method").statusCode, 400);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "BackendFixture.h"
 
+#include "Platform/JsonUtil.h"
+
 namespace LumTest {
 
 using namespace Lum::Tools;
@@ -27,25 +29,30 @@ void BackendTest::SetUp() {
       << error;
 }
 
-BackendTest::Http::Response BackendTest::call(Http::Verb verb, const std::string& path,
-                                              const std::string& token, const std::string& body,
-                                              uint32_t timeoutMs) const {
+BackendTest::Http::Request BackendTest::deviceRequest(const std::string& url,
+                                                      uint32_t timeoutMs) const {
   Http::Request request;
-  request.verb = verb;
-  request.url = backend_->baseUrl(kOpid) + path;
+  request.url = url;
   request.clientCertificate = device_.certPem.c_str();
   request.clientKey = device_.keyPem.c_str();
   request.caCertificates = device_.trustPem.c_str();
   request.connectTimeout = 5000;
   request.messageTimeout = timeoutMs;
+  return request;
+}
+
+BackendTest::Http::Response BackendTest::call(Http::Verb verb, const std::string& path,
+                                              const std::string& token, const std::string& body,
+                                              uint32_t timeoutMs, const std::string& base) const {
+  Http::Request request =
+      deviceRequest((base.empty() ? backend_->baseUrl(kOpid) : base) + path, timeoutMs);
+  request.verb = verb;
   request.headers = {"Content-Type: application/json"};
   if (!token.empty()) {
     request.headers.push_back("Authorization: " + token);
   }
   request.body = body;
-  Http::Response response;
-  Http::Perform(request, response);
-  return response;
+  return Perform(request);
 }
 
 std::string BackendTest::registerDevice() const {
@@ -53,12 +60,15 @@ std::string BackendTest::registerDevice() const {
   return response.statusCode == 200 ? Parse(response.body)["daGidToken"].asString() : "";
 }
 
+BackendTest::Http::Response BackendTest::Perform(Http::Request request) {
+  Http::Response response;
+  Http::Perform(request, response);
+  return response;
+}
+
 LumJson::Value BackendTest::Parse(const std::string& text) {
   LumJson::Value value;
-  LumJson::CharReaderBuilder builder;
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
-  return value;
+  return Lum::Core::JsonUtil::ParseStrict(text, value) ? value : LumJson::Value();
 }
 
 }  // namespace LumTest

@@ -24,10 +24,14 @@ class BackendTest : public ::testing::Test {
   static void TearDownTestSuite();
   void SetUp() override;
 
-  // A call from the device to `path`, with "Authorization: token" when a
-  // token is given. Transport failures read as 400 without headers.
+  // A request of the device to `url`, with its credentials.
+  Http::Request deviceRequest(const std::string& url, uint32_t timeoutMs = 20000) const;
+  // A JSON call to `path` on the core host, or on `base` when given, with
+  // "Authorization: token" when a token is given. Transport failures read as
+  // 400 without headers.
   Http::Response call(Http::Verb verb, const std::string& path, const std::string& token = "",
-                      const std::string& body = "", uint32_t timeoutMs = 20000) const;
+                      const std::string& body = "", uint32_t timeoutMs = 20000,
+                      const std::string& base = "") const;
   Http::Response post(const std::string& path, const std::string& token,
                       const std::string& body = "{}") const {
     return call(Http::POST, path, token, body);
@@ -35,7 +39,8 @@ class BackendTest : public ::testing::Test {
   // Registers the device and returns its GID token (empty on failure).
   std::string registerDevice() const;
 
-  static LumJson::Value Parse(const std::string& text);
+  static Http::Response Perform(Http::Request request);
+  static LumJson::Value Parse(const std::string& text);  // null when not JSON
 
   static Lum::Tools::TestPki* pki_;
   std::unique_ptr<Lum::Tools::Backend> backend_;

@@ -20,10 +20,10 @@ class BackendTlsTest : public BackendTest {
     ASSERT_TRUE(pki_->writeTo(files_.path(), &device_, &error)) << error;
   }
 
-  std::string file(const char* name) const { return files_.file(name); }
-  std::string deviceCredentials() const {
-    return "-cert " + file(TestPki::kDeviceCert) + " -key " + file(TestPki::kDeviceKey);
+  std::string credentials(const char* cert, const char* key) const {
+    return "-cert " + files_.file(cert) + " -key " + files_.file(key);
   }
+  std::string device() const { return credentials(TestPki::kDeviceCert, TestPki::kDeviceKey); }
 
   // Everything `openssl s_client -status` prints while it sends
   // "GET /test/method" to the back end and reads the answer.
@@ -32,17 +32,15 @@ class BackendTlsTest : public BackendTest {
         "printf 'GET /test/method HTTP/1.1\\r\\nHost: x\\r\\nConnection: close\\r\\n\\r\\n' | "
         "timeout 30 openssl s_client -ign_eof -status -verify_return_error -connect 127.0.0.1:" +
         std::to_string(backend_->port()) + " -servername " + kOpid + "-da.lum.localhost" +
-        " -CAfile " + file(TestPki::kCaCert) + " " + options + " 2>&1";
+        " -CAfile " + files_.file(TestPki::kCaCert) + " " + options + " 2>&1";
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
+    EXPECT_NE(pipe, nullptr) << command;
     char buffer[4096];
     for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
       output.append(buffer, n);
     }
-    EXPECT_NE(pipe, nullptr) << command;
-    if (pipe != nullptr) {
-      pclose(pipe);
-    }
+    if (pipe != nullptr) pclose(pipe);
     return output;
   }
 
@@ -54,13 +52,12 @@ bool Has(const std::string& text, const std::string& part) {
 }
 
 TEST_F(BackendTlsTest, OnlyDevicesOfTheTrustedCaAreServed) {
-  const std::string rogue =
-      "-cert " + file(TestPki::kRogueDeviceCert) + " -key " + file(TestPki::kRogueDeviceKey);
   EXPECT_FALSE(Has(opensslGet(""), "HTTP/1.1"));
-  EXPECT_FALSE(Has(opensslGet(rogue), "HTTP/1.1"));
+  EXPECT_FALSE(
+      Has(opensslGet(credentials(TestPki::kRogueDeviceCert, TestPki::kRogueDeviceKey)), "HTTP"));
   EXPECT_EQ(backend_->requestCount(), 0u);
 
-  const std::string served = opensslGet(deviceCredentials());
+  const std::string served = opensslGet(device());
   EXPECT_TRUE(Has(served, "HTTP/1.1 200 OK")) << served;
   ASSERT_EQ(backend_->requestCount(), 1u);
   EXPECT_EQ(backend_->requests()[0].clientCommonName, device_.commonName);
@@ -83,12 +80,11 @@ TEST_F(BackendTlsTest, StaplesTheConfiguredOcspAnswer) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.stapled);
     backend_->setOcspMode(c.mode);
-    const std::string seen = opensslGet(deviceCredentials());
+    const std::string seen = opensslGet(device());
     EXPECT_TRUE(Has(seen, c.stapled)) << seen;
     EXPECT_EQ(Has(seen, "OCSP Response Status: successful"), c.mode != OcspMode::None) << seen;
     EXPECT_EQ(Has(seen, "Next Update:"), c.nextUpdate) << seen;
     EXPECT_TRUE(Has(seen, "Verify return code: 0 (ok)")) << seen;
-    EXPECT_TRUE(Has(seen, "TLSv1.3")) << seen;
     EXPECT_EQ(call(Http::GET, "/test/method").statusCode, c.agentAccepts ? 200 : 400);
   }
 }
@@ -96,7 +92,7 @@ TEST_F(BackendTlsTest, StaplesTheConfiguredOcspAnswer) {
 TEST_F(BackendTlsTest, TlsOneOneOnlyServesOldClientsAlone) {
   ASSERT_TRUE(backend_->setTlsRange(TlsVersion::Tls1_1, TlsVersion::Tls1_1));
   EXPECT_EQ(call(Http::GET, "/test/method").statusCode, 400);
-  const std::string old = opensslGet(deviceCredentials() + " -tls1_1 -cipher DEFAULT@SECLEVEL=0");
+  const std::string old = opensslGet(device() + " -tls1_1 -cipher DEFAULT@SECLEVEL=0");
   EXPECT_TRUE(Has(old, "Protocol  : TLSv1.1")) << old;
   EXPECT_TRUE(Has(old, "HTTP/1.1 200 OK")) << old;
 }
