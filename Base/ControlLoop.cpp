@@ -19,26 +19,15 @@ namespace {
 constexpr unsigned long long kPauseAfterFailureMs = 1000;
 }  // namespace
 
-void ControlLoop::logDelay(const char* name, int service, long long ms, ControlCycle& cycle) {
-  const int seconds = static_cast<int>(ms / 1000);
-  const int millis = static_cast<int>(ms % 1000);
-  if (cycle.delayNamesCall()) {
-    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-            "%s delaying %i.%03i seconds before running %s", name, seconds, millis,
-            cycle.nextCallName().c_str());
-  } else {
-    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying %i.%03i seconds", name,
-            seconds, millis);
-  }
-}
-
-void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
+void ControlLoop::Run(const ControlTexts& texts, int service, Mutex& mutex, TimedSem& delaySem,
                       ControlCycle& cycle, const std::atomic<bool>& cancel) {
-  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s started", name);
+  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s started", texts.name);
   LockMutex lock(&mutex);
-  while (!cycle.stopping()) {
-    if (!ExceptionBarrier::Run(name,
-                               [&] { runOnce(name, service, mutex, delaySem, cycle, cancel); })) {
+  bool running = true;
+  while (running) {
+    if (!ExceptionBarrier::Run(texts.name, [&] {
+          running = runOnce(texts, service, mutex, delaySem, cycle, cancel);
+        })) {
       // Whatever threw (a hostile answer, an exhausted heap) may throw again
       // at once; a pause that termination can cut short keeps that from
       // becoming a busy loop, and the next round starts from a fresh
@@ -47,46 +36,106 @@ void ControlLoop::Run(const char* name, int service, Mutex& mutex, TimedSem& del
       delaySem.wait(&pause);
     }
   }
-  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s terminated", name);
+  if (Http::Request* kept = cycle.keptRequest()) {
+    Http::Cleanup(*kept);
+  }
+  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s terminated", texts.name);
 }
 
-void ControlLoop::runOnce(const char* name, int service, Mutex& mutex, TimedSem& delaySem,
-                          ControlCycle& cycle, const std::atomic<bool>& cancel) {
+bool ControlLoop::runOnce(const ControlTexts& texts, int service, Mutex& mutex,
+                          TimedSem& delaySem, ControlCycle& cycle,
+                          const std::atomic<bool>& cancel) {
   timespec deadline{};
-  const ControlCycle::Wait wait = cycle.nextWait(deadline);
-  if (wait == ControlCycle::Wait::Forever) {
-    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying indefinitely", name);
-    cycle.setWaiting(true);
-    delaySem.wait(nullptr);
-    cycle.setWaiting(false);
-    return;
-  }
-  if (wait == ControlCycle::Wait::None) {
-    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s not delaying", name);
-  }
-  const timespec now = Clock::MonotonicNow();
-  if (wait == ControlCycle::Wait::Until && IsBefore(now, deadline)) {
-    logDelay(name, service, DiffMilliseconds(deadline, now), cycle);
-    cycle.setWaiting(true);
-    const bool timedOut = delaySem.wait(&deadline);
-    cycle.setWaiting(false);
-    if (!timedOut) {
-      LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delay was previously reset",
-              name);
+  switch (cycle.nextStep(deadline)) {
+    case ControlCycle::Step::Stop:
+      return false;
+    case ControlCycle::Step::WaitForever:
+      waitForever(texts, service, delaySem, cycle);
+      return true;
+    case ControlCycle::Step::WaitUntil: {
+      const long long remainingMs = DiffMilliseconds(deadline, Clock::MonotonicNow());
+      if (remainingMs > 0) {
+        waitUntil(texts, service, delaySem, cycle, deadline, remainingMs);
+        // Woken or timed out: the schedule may have changed meanwhile, so it
+        // is evaluated afresh (and the stop condition first).
+        return true;
+      }
+      if (texts.skipsPassedDelay) {
+        LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s skipping delay", texts.name);
+        cycle.waitEnded(ControlCycle::WaitOutcome::Skipped);
+        return true;
+      }
+      break;
     }
-    // Woken or timed out: the schedule may have changed meanwhile, so it is
-    // evaluated afresh (and the stop condition first).
-    return;
+    case ControlCycle::Step::Call:
+      if (texts.logsNotDelaying) {
+        LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s not delaying", texts.name);
+      }
+      break;
   }
-  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s calling %s", name,
-          cycle.nextCallName().c_str());
-  Http::Request request;
+  call(texts, service, mutex, cycle, cancel);
+  return true;
+}
+
+void ControlLoop::waitUntil(const ControlTexts& texts, int service, TimedSem& delaySem,
+                            ControlCycle& cycle, const timespec& deadline, long long remainingMs) {
+  const int seconds = static_cast<int>(remainingMs / 1000);
+  const int millis = static_cast<int>(remainingMs % 1000);
+  if (texts.delayNamesCall) {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
+            "%s delaying %i.%03i seconds before running %s", texts.name, seconds, millis,
+            cycle.nextCallName().c_str());
+  } else {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying %i.%03i seconds",
+            texts.name, seconds, millis);
+  }
+  cycle.waitStarted();
+  const bool timedOut = delaySem.wait(&deadline);
+  if (timedOut) {
+    if (texts.logsDelayed) {
+      LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delayed", texts.name);
+    }
+  } else {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delay was previously reset",
+            texts.name);
+  }
+  cycle.waitEnded(timedOut ? ControlCycle::WaitOutcome::TimedOut
+                           : ControlCycle::WaitOutcome::Woken);
+}
+
+void ControlLoop::waitForever(const ControlTexts& texts, int service, TimedSem& delaySem,
+                              ControlCycle& cycle) {
+  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying indefinitely",
+          texts.name);
+  cycle.waitStarted();
+  delaySem.wait(nullptr);
+  if (texts.indefiniteWaitEnded != nullptr) {
+    LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s %s", texts.name,
+            texts.indefiniteWaitEnded);
+  }
+  cycle.waitEnded(ControlCycle::WaitOutcome::Woken);
+}
+
+void ControlLoop::call(const ControlTexts& texts, int service, Mutex& mutex, ControlCycle& cycle,
+                       const std::atomic<bool>& cancel) {
+  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s calling %s%s", texts.name,
+          cycle.nextCallName().c_str(), texts.callSuffix);
+  Http::Request fresh;
+  Http::Request* request = cycle.keptRequest();
+  if (request != nullptr) {
+    // Only the connection outlives a call: everything else is filled anew.
+    CURL* const connection = request->handle;
+    *request = Http::Request();
+    request->handle = connection;
+  } else {
+    request = &fresh;
+  }
   Http::Response response;
-  cycle.prepMicroService(request);
-  request.cancel = &cancel;
+  cycle.prepMicroService(*request);
+  request->cancel = cycle.cancelFlag(cancel);
   {
     UnlockMutex unlocked(mutex);
-    Http::Perform(request, response);
+    Http::Perform(*request, response);
   }
   cycle.postMicroService(response);
 }

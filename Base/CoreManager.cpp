@@ -14,6 +14,7 @@
 #include "Base/Injector.h"
 #include "Base/PersistentValues.h"
 #include "Base/ProductIdentity.h"
+#include "Base/SupportViewManager.h"
 #include "Base/TimeFile.h"
 #include "Base/VolatileValues.h"
 #include "Platform/Clock.h"
@@ -24,6 +25,7 @@
 #include "Platform/Logger.h"
 #include "Platform/RandomUtil.h"
 #include "Platform/StringSetUtil.h"
+#include "Platform/StringUtil.h"
 #include "Platform/ThreadUtil.h"
 
 LUM_SOURCE_FILE("Base/CoreManager");
@@ -40,14 +42,8 @@ constexpr unsigned kMaxBadSynchs = 3;
 constexpr unsigned long long kMinimumDelayMs = 100;
 constexpr const char* kStatusFrame = "----------------------------------------------------";
 
-// Copies a text into a malloc'd field; a failed allocation leaves it null.
 char* DuplicateText(const std::string& text) {
-  char* copy = static_cast<char*>(malloc(text.size() + 1));
-  if (copy != nullptr) {
-    memcpy(copy, text.data(), text.size());
-    copy[text.size()] = '\0';
-  }
-  return copy;
+  return StringUtil::DuplicateForHost(text);
 }
 
 void FreeText(char*& field) {
@@ -82,6 +78,8 @@ void CoreManager::registerManagers() {
   // Not in the constructor: the managers' own singletons reach back for the
   // core mutex while they are built.
   if (managers_.empty()) {
+    managers_.push_back(EventManager::Instance());
+    managers_.push_back(Sv::SupportViewManager::Instance());
     managers_.push_back(Ds::DataServicesManager::Instance());
   }
 }
@@ -153,7 +151,6 @@ void CoreManager::startAgent(const char* identity, const char* config, const cha
   context.identity = identity_.get();
   context.device = device_.get();
   context.persistent = persistent_.get();
-  EventManager::Instance()->initialize(context);
   for (Manager* manager : managers_) {
     manager->initialize(context);
   }
@@ -197,7 +194,6 @@ void CoreManager::beginTermination() {
   if (delaySem_ != nullptr) {
     delaySem_->reset();
   }
-  EventManager::Instance()->terminateBegin();
   for (Manager* manager : managers_) {
     manager->terminateBegin();
   }
@@ -213,8 +209,6 @@ void* CoreManager::TerminateThread(void* arg) {
 // again.
 void CoreManager::runTermination(bool onTerminateThread) {
   LUM_TRACE(kCore);
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for EventManager");
-  ExceptionBarrier::Run("TerminateThread", [] { EventManager::Instance()->terminateEnd(); });
   for (Manager* manager : managers_) {
     LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for %s", manager->waitName());
     ExceptionBarrier::Run("TerminateThread", [manager] { manager->terminateEnd(); });
@@ -377,7 +371,8 @@ void CoreManager::evaluateStateChanges() {
   for (Manager* manager : managers_) {
     manager->cascadeStateChanges();
   }
-  if (!persistent_->isPersisted()) {
+  // A start being undone leaves the files as it found them.
+  if (!persistent_->isPersisted() && !abandoning_) {
     logStateInfo();
     persistent_->store(config_->getPersistentPath());
   }
@@ -433,18 +428,23 @@ void CoreManager::updateTimestamp(const timespec& base, timespec& out, unsigned 
 
 void* CoreManager::StateControl(void* arg) {
   CoreManager* self = static_cast<CoreManager*>(arg);
-  ControlLoop::Run("StateControl", kCore, self->mutex_, *self->delaySem_, *self,
+  static const ControlTexts kTexts = [] {
+    ControlTexts texts;
+    texts.name = "StateControl";
+    texts.delayNamesCall = true;
+    return texts;
+  }();
+  ControlLoop::Run(kTexts, kCore, self->mutex_, *self->delaySem_, *self,
                    self->transfersCancelled_);
   return nullptr;
 }
 
-bool CoreManager::stopping() {
-  return state_ != Initialized;
-}
-
-ControlCycle::Wait CoreManager::nextWait(timespec& deadline) {
+ControlCycle::Step CoreManager::nextStep(timespec& deadline) {
+  if (state_ != Initialized) {
+    return Step::Stop;
+  }
   deadline = volatile_->nextCall;
-  return Wait::Until;
+  return Step::WaitUntil;
 }
 
 std::string CoreManager::nextCallName() {
@@ -715,11 +715,14 @@ unsigned CoreManager::getStatus(LumStatusMethod method, LumStatus* status) {
 void CoreManager::fillStatus(LumStatus* status) {
   memset(status, 0, sizeof *status);
   status->deviceAgentState = state_;
-  // Fixed until the support view and software update report their own.
+  // What a stopped agent reports; the running managers fill in their own.
   status->sessionState = LumSessionNone;
   status->updateSource = 1;
   if (state_ == Uninitialized || persistent_ == nullptr) {
     return;
+  }
+  for (Manager* manager : managers_) {
+    manager->getStatus(*status);
   }
   const PersistentValues& p = *persistent_;
   status->testMode = p.getTestMode() ? 1 : 0;
@@ -807,13 +810,20 @@ void CoreManager::logStatusInfo() {
           allowed.c_str());
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Consent URL           = %s",
           text(known ? p->getDaConsentUrl() : empty));
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Session State         = %s",
-          known && p->getDaSupportViewEnabled() ? "None" : "Disabled");
+  logManagersStatus(Manager::StatusSection::BeforeSoftwareVersion);
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Sofware Version       = %s",
           device_ != nullptr ? device_->getSwVersion().c_str() : "");
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Update State          = %s",
-          "NotAvailable");
+  logManagersStatus(Manager::StatusSection::AfterSoftwareVersion);
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s", kStatusFrame);
+}
+
+void CoreManager::logManagersStatus(Manager::StatusSection section) {
+  if (persistent_ == nullptr) {
+    return;
+  }
+  for (Manager* manager : managers_) {
+    manager->logStatusInfo(section);
+  }
 }
 
 void CoreManager::logStateDebug() {

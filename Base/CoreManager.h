@@ -90,8 +90,7 @@ class CoreManager : private ControlCycle {
   CoreManager();
 
   // ControlCycle: the core's request cycle, run by StateControl.
-  bool stopping() override;
-  Wait nextWait(timespec& deadline) override;
+  Step nextStep(timespec& deadline) override;
   std::string nextCallName() override;
   void prepMicroService(Http::Request& request) override;
   void postMicroService(Http::Response& response) override;
@@ -127,6 +126,7 @@ class CoreManager : private ControlCycle {
   void storeTimeFile();
   void releaseCoreValues();
   void fillStatus(LumStatus* status);
+  void logManagersStatus(Manager::StatusSection section);
   void registerManagers();
   bool isTerminating() const { return state_ == Terminating || state_ == FactoryResetting; }
 
@@ -151,8 +151,8 @@ class CoreManager : private ControlCycle {
   bool timeFileLoaded_ = false;
   // Read by the HTTP transfers of every manager's thread without the mutex.
   std::atomic<bool> transfersCancelled_{false};
-  // The managers started after the event manager, in start order; the core
-  // starts, cascades to and stops them.
+  // The managers in start order (events first); the core starts, cascades
+  // to, asks for status and stops them.
   std::vector<Manager*> managers_;
 };
 

@@ -240,27 +240,32 @@ void DataServicesManager::computeDeadline() {
 
 void* DataServicesManager::UploadControl(void* arg) {
   DataServicesManager* self = static_cast<DataServicesManager*>(arg);
-  Core::ControlLoop::Run("UploadControl", kDs, TheCore().getMutex(), self->sem_, *self,
+  static const Core::ControlTexts kTexts = [] {
+    Core::ControlTexts texts;
+    texts.name = "UploadControl";
+    texts.logsNotDelaying = true;
+    return texts;
+  }();
+  Core::ControlLoop::Run(kTexts, kDs, TheCore().getMutex(), self->sem_, *self,
                          TheCore().transfersCancelled());
   return nullptr;
 }
 
-bool DataServicesManager::stopping() {
-  return TheCore().getDeviceAgentState() != Core::Initialized;
-}
-
-Core::ControlCycle::Wait DataServicesManager::nextWait(timespec& deadline) {
+Core::ControlCycle::Step DataServicesManager::nextStep(timespec& deadline) {
+  if (TheCore().getDeviceAgentState() != Core::Initialized) {
+    return Step::Stop;
+  }
   switch (uploadState_) {
     case Idle:
-      return Wait::Forever;
+      return Step::WaitForever;
     case Upload:
-      return Wait::None;
+      return Step::Call;
     default:
       if (!deadlineSet_) {
         computeDeadline();
       }
       deadline = deadline_;
-      return Wait::Until;
+      return Step::WaitUntil;
   }
 }
 

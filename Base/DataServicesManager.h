@@ -58,13 +58,12 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   DataServicesManager();
 
   // ControlCycle: the upload schedule, run by UploadControl.
-  bool stopping() override;
-  Wait nextWait(timespec& deadline) override;
+  Step nextStep(timespec& deadline) override;
   std::string nextCallName() override;
   void prepMicroService(Core::Http::Request& request) override;
   void postMicroService(Core::Http::Response& response) override;
-  void setWaiting(bool waiting) override { uploadWaiting_ = waiting; }
-  bool delayNamesCall() const override { return false; }
+  void waitStarted() override { uploadWaiting_ = true; }
+  void waitEnded(WaitOutcome /*outcome*/) override { uploadWaiting_ = false; }
 
   static void* UploadControl(void* arg);
   UploadState chooseUploadState() const;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <lum.h>
+
 #include <string>
 
 namespace Lum {
@@ -41,6 +43,16 @@ class Manager {
   virtual void terminateEnd() = 0;
   // The name the terminate thread logs while it waits ("Waiting for %s").
   virtual const char* waitName() const = 0;
+
+  // Fills the manager's own fields of the host's status record, which
+  // holds the values of a stopped agent until then; only while the agent
+  // runs. Called with the core mutex held.
+  virtual void getStatus(LumStatus& /*status*/) {}
+  // The status block lists the core's values, the session's, the device's
+  // software version and the update's; a manager writes its own lines into
+  // the section that holds them. Called with the core mutex held.
+  enum class StatusSection { BeforeSoftwareVersion, AfterSoftwareVersion };
+  virtual void logStatusInfo(StatusSection /*section*/) {}
 };
 
 }  // namespace Core

@@ -1,6 +1,8 @@
 #include "Platform/StringUtil.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace Lum {
@@ -44,6 +46,15 @@ std::string StringUtil::Form(const char* format, ...) {
   std::string text = Vform(format, args);
   va_end(args);
   return text;
+}
+
+char* StringUtil::DuplicateForHost(const std::string& text) {
+  char* copy = static_cast<char*>(malloc(text.size() + 1));
+  if (copy != nullptr) {
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+  }
+  return copy;
 }
 
 }  // namespace Core

@@ -13,6 +13,9 @@ class StringUtil {
   // reports an error).
   static std::string Vform(const char* format, va_list args);
   static std::string Form(const char* format, ...) __attribute__((format(printf, 1, 2)));
+  // A malloc'd, NUL-terminated copy for a text handed to the host, which
+  // frees it; null when the allocation fails.
+  static char* DuplicateForHost(const std::string& text);
 };
 
 }  // namespace Core
