@@ -23,6 +23,8 @@ class AgentHarness {
   ~AgentHarness();
 
   Lum::Tools::Backend& backend() { return *backend_; }
+  // The device's credentials, for tests that call the back end themselves.
+  const Lum::Tools::DeviceIdentity& device() const { return device_; }
   const std::string& persistentPath() const { return dir_.path(); }
   std::string logPath() const { return dir_.file("agent.log"); }
 
