@@ -543,16 +543,21 @@ bool SupportViewManager::taskRoomLeft() const {
 void SupportViewManager::cascadeSessionThread() {
   const bool nothingToEnd = !sessionHeld() && (sessionRequest_ == RequestTerminate ||
                                                sessionRequest_ == RequestSuspend);
+  // A session asked for before the device is registered waits for the
+  // registration: without a GID token the back end could only refuse it,
+  // and its refusal would retire the token the core is about to get.
+  const bool unregistered =
+      sessionRequest_ == RequestInitialize && persistent_->getGidToken().empty();
   switch (session_.activity) {
     case ThreadActivityChecking:
       if (nothingToEnd) {
         sessionRequest_ = RequestNone;
       }
-      session_.activity =
-          sessionRequest_ == RequestNone ? ThreadActivityIdle : busyOrDelay(session_);
+      session_.activity = sessionRequest_ == RequestNone || unregistered ? ThreadActivityIdle
+                                                                        : busyOrDelay(session_);
       break;
     case ThreadActivityIdle:
-      if (terminating_ || sessionRequest_ != RequestNone) {
+      if (terminating_ || (sessionRequest_ != RequestNone && !unregistered)) {
         resetThread(session_, "SessionControl delay being reset");
       }
       break;

@@ -4,6 +4,7 @@
  *   lum-host --identity FILE --config FILE --device FILE
  *            [--test-mode] [--factory-reset] [--log-through] [--run-seconds N]
  *            [--items FILE|-] [--items-delay-ms N] [--exit-after-ms N [--no-term]]
+ *            [--open-session] [--close-session-after-ms N]
  *
  * It starts the agent with the three JSON texts, prints one line for every
  * status change (followed on a thread of its own with LumGetStatus method 1),
@@ -15,6 +16,12 @@
  * With --exit-after-ms it behaves like a television switched off in the
  * middle of its work: N ms after LumInit it calls LumTerm (not even that with
  * --no-term) and exits the process at once, without waiting for state 0.
+ * With --open-session it asks for a remote support session right after the
+ * start, as a user choosing "remote support" in the menu would; the session
+ * code shows in the status lines ("code=") while the session waits for a
+ * support agent and while one is joined. --close-session-after-ms ends the
+ * session N ms after the start. A session still held at the stop is
+ * suspended and resumed by the next start when the configuration says so.
  * Written against the public header only.
  */
 #define _POSIX_C_SOURCE 200809L
@@ -40,6 +47,8 @@ typedef struct Options {
   long itemsDelayMs;
   long exitAfterMs;
   int noTerm;
+  int openSession;
+  long closeSessionAfterMs;
 } Options;
 
 /* How long the items wait for the back end's allowed identifiers at most;
@@ -101,9 +110,10 @@ static const char* orEmpty(const char* text) {
 static void printStatus(const LumStatus* status) {
   char line[4096];
   snprintf(line, sizeof line,
-           "status: state=%u testMode=%u session=%u deviceId=%s opid=%s cloud=%s sw=%s "
+           "status: state=%u testMode=%u session=%u code=%s deviceId=%s opid=%s cloud=%s sw=%s "
            "allowed=[%s] consent=%s update=%u source=%u",
            status->deviceAgentState, status->testMode, status->sessionState,
+           orEmpty(status->sessionCode),
            orEmpty(status->deviceId), orEmpty(status->certOpid), orEmpty(status->certInstance),
            orEmpty(status->swVersion), orEmpty(status->allowedDataItemIds),
            orEmpty(status->consentUrl), status->updateState, status->updateSource);
@@ -166,6 +176,10 @@ static int parseOptions(int argc, char** argv, Options* options) {
       options->itemsDelayMs = strtol(argv[++i], NULL, 10);
     } else if (strcmp(arg, "--exit-after-ms") == 0 && next) {
       options->exitAfterMs = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--close-session-after-ms") == 0 && next) {
+      options->closeSessionAfterMs = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--open-session") == 0) {
+      options->openSession = 1;
     } else if (strcmp(arg, "--no-term") == 0) {
       options->noTerm = 1;
     } else if (strcmp(arg, "--test-mode") == 0) {
@@ -311,7 +325,8 @@ int main(int argc, char** argv) {
     fprintf(stderr,
             "usage: lum-host --identity FILE --config FILE --device FILE [--test-mode] "
             "[--factory-reset] [--log-through] [--run-seconds N] [--items FILE|-] "
-            "[--items-delay-ms N] [--exit-after-ms N [--no-term]]\n");
+            "[--items-delay-ms N] [--exit-after-ms N [--no-term]] [--open-session] "
+            "[--close-session-after-ms N]\n");
     return 2;
   }
   identity = readWholeFile(options.identityFile);
@@ -358,9 +373,28 @@ int main(int argc, char** argv) {
     hostLine("host: %s", result == LUM_RESULT_SUCCESS ? "test mode enabled" : "test mode refused");
   }
   pthread_create(&thread, NULL, followStatus, &follower);
+  if (options.openSession) {
+    char report[64];
+    snprintf(report, sizeof report, "session requested, result %u", LumSessionInit(0));
+    hostLine("host: %s", report);
+  }
+  if (options.closeSessionAfterMs > 0) {
+    long long closeAtMs = nowMs() + options.closeSessionAfterMs;
+    if (deadlineMs > 0 && deadlineMs < closeAtMs) {
+      closeAtMs = deadlineMs;
+    }
+    stopped = stopSignalWithin(&signals, closeAtMs - nowMs());
+    if (!stopped) {
+      char report[64];
+      snprintf(report, sizeof report, "session end requested, result %u", LumSessionTerm());
+      hostLine("host: %s", report);
+    }
+  }
 
   if (items != NULL) {
-    stopped = submitItems(items, &options, &signals, deadlineMs);
+    if (!stopped) {
+      stopped = submitItems(items, &options, &signals, deadlineMs);
+    }
     free(items);
   }
   if (!stopped) {
