@@ -52,7 +52,7 @@ std::string AgentHarness::identityText() const {
 std::string AgentHarness::configText(const LumJson::Value& coreExtra,
                                      const LumJson::Value& dataServices) const {
   LumJson::Value filters(LumJson::arrayValue);
-  for (const char* service : {"core", "ds"}) {
+  for (const char* service : {"core", "ds", "sv"}) {
     for (const char* category : {"state", "flow", "clibapi", "webservice", "supervisor"}) {
       LumJson::Value filter(LumJson::objectValue);
       filter["service"] = service;
@@ -78,6 +78,9 @@ std::string AgentHarness::configText(const LumJson::Value& coreExtra,
   config["core"] = core;
   if (dataServices.isObject()) {
     config["dataServices"] = dataServices;
+  }
+  for (const std::string& name : sections_.getMemberNames()) {
+    config[name] = sections_[name];
   }
   return JsonUtil::WriteCompact(config);
 }

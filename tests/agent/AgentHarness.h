@@ -34,6 +34,11 @@ class AgentHarness {
   std::string configText(const LumJson::Value& coreExtra = LumJson::Value(),
                          const LumJson::Value& dataServices = LumJson::Value()) const;
   std::string deviceText() const;
+  // A further section of the configuration text (e.g. "supportView") for
+  // every later start.
+  void setConfigSection(const std::string& name, const LumJson::Value& section) {
+    sections_[name] = section;
+  }
 
   unsigned init(const LumJson::Value& coreExtra = LumJson::Value(),
                 const LumJson::Value& dataServices = LumJson::Value());
@@ -61,6 +66,7 @@ class AgentHarness {
   TempDir dir_;
   std::unique_ptr<Lum::Tools::Backend> backend_;
   Lum::Tools::DeviceIdentity device_;
+  LumJson::Value sections_{LumJson::objectValue};
 };
 
 // Short schedule values the tests push or seed, so that every call follows
