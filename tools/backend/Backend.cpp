@@ -17,6 +17,11 @@ constexpr const char* kStatePath = "/api/v1/da/state";
 constexpr const char* kNotificationPath = "/api/v1/da/notification";
 constexpr const char* kUploadTokenPath = "/api/v1/ds/uploadtoken";
 constexpr const char* kUploadPackagePath = "/api/v1/dsdata/upload/package";
+constexpr const char* kSupportPrefix = "/api/v1/";
+constexpr const char* kSupportPaths[] = {
+    "sv/session/initialize", "sv/session/terminate", "sv/session/suspend",
+    "sv/session/resume",     "sv/command/get",       "sv/command/put",
+};
 constexpr size_t kMaxDnsLabel = 63;
 constexpr const char* kMethodPath = "/test/method";
 constexpr const char* kBytesPrefix = "/test/bytes/";
@@ -130,6 +135,15 @@ void AnswerMethod(const RecordedRequest& request, Reply& reply) {
   reply.body = request.method;
 }
 
+SupportSessions::Options SessionOptions(const BackendOptions& options) {
+  SupportSessions::Options sessions;
+  sessions.hold = options.longPollHold;
+  sessions.expire = options.expireSessions;
+  sessions.onEvent = options.onSessionEvent;
+  sessions.onAnswer = options.onTaskAnswer;
+  return sessions;
+}
+
 }  // namespace
 
 Backend::Backend(const TestPki& pki, BackendOptions options)
@@ -138,7 +152,8 @@ Backend::Backend(const TestPki& pki, BackendOptions options)
       serverCert_(options_.serverCert),
       ocspMode_(options_.ocsp),
       minTls_(options_.minTls),
-      maxTls_(options_.maxTls) {
+      maxTls_(options_.maxTls),
+      sessions_(SessionOptions(options_)) {
   installCoreRoutes();
 }
 
@@ -161,6 +176,12 @@ void Backend::installCoreRoutes() {
   addRoute(kUploadPackagePath, [this](const RecordedRequest& request, Reply& reply) {
     handleUploadPackage(request, reply);
   });
+  for (const char* path : kSupportPaths) {
+    const std::string name = path;
+    addRoute(kSupportPrefix + name, [this, name](const RecordedRequest& request, Reply& reply) {
+      handleSupport(name, request, reply);
+    });
+  }
   addRoute(kMethodPath, AnswerMethod);
   addPrefixRoute(kBytesPrefix, AnswerBytes);
 }
@@ -212,6 +233,7 @@ bool Backend::start(std::string* error) {
     std::lock_guard<std::mutex> stopLock(stopMutex_);
     stopping_ = false;
   }
+  sessions_.setStopping(false);
   TlsServer::Callbacks callbacks;
   callbacks.handle = [this](RecordedRequest& request, Reply& reply) { handle(request, reply); };
   callbacks.answered = [this](const RecordedRequest& request) {
@@ -233,6 +255,8 @@ void Backend::stop() {
     stopping_ = true;
   }
   stopCv_.notify_all();
+  // Held polls answer before the server joins their connection threads.
+  sessions_.setStopping(true);
   if (server_) {
     server_->stop();
     server_.reset();
@@ -651,6 +675,96 @@ void Backend::handleUploadPackage(const RecordedRequest& request, Reply& reply) 
     options_.onPackage(package);
   }
   reply.json(200, "{}");
+}
+
+// ---- the support-view paths ----
+
+void Backend::handleSupport(const std::string& path, const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  const std::string& cn = request.clientCommonName;
+  if (!UploadLedger::SameHost(request.host, SupportSessions::HostFor(cn))) {
+    reply.json(421, ErrorBody("not the support-view host of this device: " + request.host));
+    return;
+  }
+  sessions_.countCall(cn, path);
+  const std::string token = request.header("Authorization");
+  SupportSessions::Answer answer;
+  if (path == "sv/session/initialize") {
+    {
+      std::lock_guard<std::mutex> lock(stateMutex_);
+      DeviceRecord* device = nullptr;
+      if (!authorized(request, &device)) {
+        reply.json(422, ErrorBody("unknown GID token"));
+        return;
+      }
+    }
+    answer = sessions_.initialize(cn, request.body);
+  } else if (path == "sv/session/terminate") {
+    answer = sessions_.terminate(cn, token);
+  } else if (path == "sv/session/suspend") {
+    answer = sessions_.suspend(cn, token);
+  } else if (path == "sv/session/resume") {
+    answer = sessions_.resume(cn, token, request.body);
+  } else if (path == "sv/command/get") {
+    answer = sessions_.getCommand(cn, token, request.body);
+  } else {
+    answer = sessions_.putCommand(cn, token, request.body);
+  }
+  if (answer.status == 204) {
+    reply.status = 204;
+    reply.contentType.clear();
+    reply.body.clear();
+  } else {
+    reply.json(answer.status, answer.body);
+  }
+}
+
+std::string Backend::svBaseUrl(const std::string& opid) const {
+  return "https://" + opid + "-sv.lum.localhost:" + std::to_string(port());
+}
+
+void Backend::setLongPollHold(std::chrono::milliseconds hold) {
+  sessions_.setHold(hold);
+}
+
+uint32_t Backend::queueTask(const std::string& commonName, const LumJson::Value& requests) {
+  return sessions_.queueTask(commonName, requests);
+}
+
+uint32_t Backend::queueCommand(const std::string& commonName, const std::string& name,
+                               const std::string& operation, const LumJson::Value& inputs) {
+  LumJson::Value requests(LumJson::arrayValue);
+  requests.append(SupportSessions::CommandRequest(name, operation, inputs));
+  return sessions_.queueTask(commonName, requests);
+}
+
+bool Backend::supportSession(const std::string& commonName, SupportSessionView* view) const {
+  return sessions_.view(commonName, view);
+}
+
+std::vector<TaskAnswer> Backend::taskAnswers(const std::string& commonName) const {
+  return sessions_.answers(commonName);
+}
+
+bool Backend::waitForTaskAnswers(size_t n, std::chrono::milliseconds timeout) const {
+  return sessions_.waitForAnswers(n, timeout);
+}
+
+bool Backend::waitForSessionState(const std::string& commonName, SupportSessionState state,
+                                  std::chrono::milliseconds timeout) const {
+  return sessions_.waitForState(commonName, state, timeout);
+}
+
+bool Backend::waitForHeldPolls(const std::string& commonName, unsigned n,
+                               std::chrono::milliseconds timeout) const {
+  return sessions_.waitForHeldPolls(commonName, n, timeout);
+}
+
+bool Backend::endSession(const std::string& commonName) {
+  return sessions_.endSession(commonName);
 }
 
 bool Backend::setUploadRegion(const std::string& region) {

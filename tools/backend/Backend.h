@@ -12,6 +12,7 @@
 
 #include "Platform/LumJson.h"
 #include "tools/backend/HttpExchange.h"
+#include "tools/backend/SupportSessions.h"
 #include "tools/backend/TlsServer.h"
 #include "tools/backend/UploadLedger.h"
 #include "tools/pki/TestPki.h"
@@ -34,6 +35,17 @@ struct BackendOptions {
   // Called with every accepted data package, on the connection's thread,
   // before the answer goes out.
   std::function<void(const ReceivedPackage&)> onPackage;
+  // How long "sv/command/get" holds a poll with nothing to hand out before
+  // answering 204. It must stay below the agent's message time-out (15 s by
+  // default), or the agent would count every quiet poll as a failure.
+  std::chrono::milliseconds longPollHold{10000};
+  // Whether support sessions idle beyond their limit end (422 afterwards).
+  // Off by default: a test's pauses then never end a session by accident.
+  bool expireSessions = false;
+  // Called on session changes and with every task answer accepted, on the
+  // thread that caused them (a connection's, or a control call's).
+  std::function<void(const SupportSessionEvent&)> onSessionEvent;
+  std::function<void(const TaskAnswer&)> onTaskAnswer;
 };
 
 // Fault injected into the answers of one path ("*" for every path). The
@@ -87,6 +99,28 @@ struct DeviceView {
 //                                 region, 400 when the data's SHA-256 is not the
 //                                 bound hash or the data is not a version 2
 //                                 package; stores it and answers {}
+//   POST /api/v1/sv/session/initialize
+//                                 host "OPID-sv.INSTANCE" (else 421, as for every
+//                                 "sv/" path); 422 unless "Authorization" holds the
+//                                 GID token; opens the device's session (ending
+//                                 any earlier one): {"sessionCode","sessionToken"}
+//   POST /api/v1/sv/session/terminate, /api/v1/sv/session/suspend,
+//        /api/v1/sv/session/resume
+//                                 "Authorization" is the bare session token, good
+//                                 only with the certificate it was issued to (422
+//                                 otherwise, and once the session ended); ends,
+//                                 pauses or reactivates the session; answers {}
+//   POST /api/v1/sv/command/get   {"seqNum": n}; the long poll: the first queued,
+//                                 unanswered task after n as {"seqNum",
+//                                 "taskRequest"}, at once or as soon as one is
+//                                 queued; 204 after the hold time, on stop, or
+//                                 when the session pauses or ends; 422 unless the
+//                                 session is active
+//   POST /api/v1/sv/command/put   {"taskResponse": text, "seqNum": n}; records
+//                                 the answer, answers {"seqNum": answers so far};
+//                                 422 unless the session is active, 400 for a
+//                                 body that is not JSON or a taskResponse that is
+//                                 not a text
 //   any  /test/method             answers the method text exactly as received
 //   any  /test/bytes/N            answers N bytes ("application/octet-stream")
 //   anything else                 404
@@ -150,6 +184,33 @@ class Backend {
   bool waitForPackages(size_t n, std::chrono::milliseconds timeout) const;
   bool waitForDataItems(size_t n, std::chrono::milliseconds timeout) const;
 
+  // Support view. "https://OPID-sv.lum.localhost:PORT".
+  std::string svBaseUrl(const std::string& opid) const;
+  // Takes effect for polls that arrive from now on.
+  void setLongPollHold(std::chrono::milliseconds hold);
+  // Queue a task for the device's open (active or suspended) session: the
+  // task document's "REQUESTS" array as given, or one command. Returns the
+  // task's seqNum, which is also its "TASK_ID"; 0 when the device has no
+  // open session (or `requests` is not an array).
+  uint32_t queueTask(const std::string& commonName, const LumJson::Value& requests);
+  uint32_t queueCommand(const std::string& commonName, const std::string& name,
+                        const std::string& operation = "EXECUTE",
+                        const LumJson::Value& inputs = LumJson::Value(LumJson::objectValue));
+  // False when the device never made a support-view call.
+  bool supportSession(const std::string& commonName, SupportSessionView* view) const;
+  // Task answers in arrival order, of one device or (empty name) of all.
+  std::vector<TaskAnswer> taskAnswers(const std::string& commonName = "") const;
+  bool waitForTaskAnswers(size_t n, std::chrono::milliseconds timeout) const;
+  bool waitForSessionState(const std::string& commonName, SupportSessionState state,
+                           std::chrono::milliseconds timeout) const;
+  // Until at least n of the device's gets are being held.
+  bool waitForHeldPolls(const std::string& commonName, unsigned n,
+                        std::chrono::milliseconds timeout) const;
+  // Ends the device's open session, as a support agent hanging up: a held
+  // poll answers 204 and every later call with its token 422. False when it
+  // had none.
+  bool endSession(const std::string& commonName);
+
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
   void clearFaults();
@@ -199,6 +260,7 @@ class Backend {
   void handleNotification(const RecordedRequest& request, Reply& reply);
   void handleUploadToken(const RecordedRequest& request, Reply& reply);
   void handleUploadPackage(const RecordedRequest& request, Reply& reply);
+  void handleSupport(const std::string& path, const RecordedRequest& request, Reply& reply);
   DeviceRecord& deviceFor(const std::string& commonName);
   bool authorized(const RecordedRequest& request, DeviceRecord** device);
   bool deliveryPending(const DeviceRecord& device) const;
@@ -252,6 +314,9 @@ class Backend {
   // Upload tokens and received packages; guarded by its own mutex, and never
   // called with stateMutex_ held.
   UploadLedger uploads_;
+  // Support sessions, tasks and answers; likewise self-locking and never
+  // called with stateMutex_ held, since a get waits inside it.
+  SupportSessions sessions_;
 };
 
 }  // namespace Tools

@@ -219,7 +219,10 @@ std::string HttpStream::statusAndHeaders(const Reply& reply, bool keepAlive) con
   if (reply.action == Reply::Action::StallAfterHeaders && length == 0) {
     length = 1;
   }
-  head += "Content-Length: " + std::to_string(length) + "\r\n";
+  // A 204 has no body and so no length (the long poll's quiet answer).
+  if (reply.status != 204) {
+    head += "Content-Length: " + std::to_string(length) + "\r\n";
+  }
   for (const auto& field : reply.headers) {
     head += field.first + ": " + field.second + "\r\n";
   }

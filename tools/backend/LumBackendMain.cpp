@@ -2,8 +2,11 @@
 //   lum-pki /tmp/pki --opid LUMDEV01 --port 8443
 //   lum-backend --pki /tmp/pki --port 8443
 // Every request, and every item of every data package received, is printed
-// to stdout; Ctrl-C stops.
+// to stdout; Ctrl-C stops. Standard input is a support agent's console (see
+// SupportConsole::HelpText): it queues tasks for devices in a support session,
+// and every session change and task answer is printed as it happens.
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -15,6 +18,7 @@
 
 #include "Platform/JsonUtil.h"
 #include "tools/backend/Backend.h"
+#include "tools/backend/SupportConsole.h"
 
 namespace {
 
@@ -27,7 +31,13 @@ int Usage() {
                "                   [--ocsp good|revoked|expired|stale|fresh-no-next-update|none]\n"
                "                   [--tls 1.2-1.3|1.1|1.2|1.3|1.1-1.3]\n"
                "                   [--server-cert default|untrusted|wronghost]\n"
-               "                   [--allowed-ids ID,ID,...] [--region NAME]\n";
+               "                   [--allowed-ids ID,ID,...] [--region NAME]\n"
+               "                   [--long-poll-ms N]\n"
+               "  --long-poll-ms  how long a task poll with nothing to hand out is held\n"
+               "                  before 204 (default 10000; keep it below the agent's\n"
+               "                  message time-out)\n\n"
+            << Lum::Tools::SupportConsole::HelpText()
+            << "End of input does not stop the back end; SIGINT or SIGTERM does.\n";
   return 2;
 }
 
@@ -110,6 +120,16 @@ void PrintPackage(const Lum::Tools::ReceivedPackage& package) {
   std::cout << std::flush;
 }
 
+void PrintSessionEvent(const Lum::Tools::SupportSessionEvent& event) {
+  std::lock_guard<std::mutex> lock(outputMutex);
+  std::cout << Lum::Tools::SupportConsole::FormatEvent(event) << std::flush;
+}
+
+void PrintTaskAnswer(const Lum::Tools::TaskAnswer& answer) {
+  std::lock_guard<std::mutex> lock(outputMutex);
+  std::cout << Lum::Tools::SupportConsole::FormatAnswer(answer) << std::flush;
+}
+
 void PrintRequest(const Lum::Tools::RecordedRequest& request) {
   std::lock_guard<std::mutex> lock(outputMutex);
   std::cout << "#" << request.sequence << " " << request.clientCommonName << " " << request.method
@@ -164,6 +184,11 @@ int main(int argc, char** argv) {
       idsGiven = true;
     } else if (arg == "--region") {
       region = value;
+    } else if (arg == "--long-poll-ms") {
+      char* end = nullptr;
+      const long hold = std::strtol(value.c_str(), &end, 10);
+      ok = !value.empty() && *end == '\0' && hold > 0;
+      options.longPollHold = std::chrono::milliseconds(hold);
     } else {
       ok = false;
     }
@@ -182,6 +207,8 @@ int main(int argc, char** argv) {
   }
   options.onRequest = PrintRequest;
   options.onPackage = PrintPackage;
+  options.onSessionEvent = PrintSessionEvent;
+  options.onTaskAnswer = PrintTaskAnswer;
 
   // Wait for the stop signal synchronously rather than in a handler.
   sigset_t signals;
@@ -221,9 +248,17 @@ int main(int argc, char** argv) {
     std::cout << ", device " << cn << " -> " << backend.baseUrl(cn.substr(0, cn.find('.')));
   }
   std::cout << std::endl;
+  Lum::Tools::SupportConsole console(backend, std::cout, outputMutex);
+  if (!console.start(STDIN_FILENO)) {
+    std::cerr << "lum-backend: no support console (cannot make a pipe)\n";
+  }
   int received = 0;
   sigwait(&signals, &received);
-  std::cout << "lum-backend stopping" << std::endl;
+  {
+    std::lock_guard<std::mutex> lock(outputMutex);
+    std::cout << "lum-backend stopping" << std::endl;
+  }
+  console.stop();
   backend.stop();
   return 0;
 }
