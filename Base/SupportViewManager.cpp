@@ -705,11 +705,12 @@ void SupportViewManager::Cycle::waitEnded(WaitOutcome outcome) {
 void SupportViewManager::Cycle::prepMicroService(Core::Http::Request& request) {
   thread_.lastCall = Core::Clock::MonotonicNow();
   session_ = owner_.sessionGeneration_;
-  owner_.prepMicroService(service(), request);
+  prepared_ = service();
+  owner_.prepMicroService(prepared_, request);
 }
 
 void SupportViewManager::Cycle::postMicroService(Core::Http::Response& response) {
-  owner_.postMicroService(service(), session_, response);
+  owner_.postMicroService(prepared_, session_, response);
 }
 
 SupportViewManager::MicroService SupportViewManager::SessionCycle::service() const {
@@ -840,7 +841,8 @@ void SupportViewManager::postMicroService(MicroService ms, uint64_t session,
     if (status == 422) {
       if (ms == InitializeSession) {
         TheCore().retireGidToken();
-      } else {
+      } else if (session == sessionGeneration_) {
+        // The refused token is the one held, not one taken since.
         retireSessionToken();
       }
     } else if (status == 428) {

@@ -148,6 +148,9 @@ class SupportViewManager : public Core::Manager {
     SupportViewManager& owner_;
     ControlThread& thread_;
     uint64_t session_ = 0;  // sessionGeneration_ when the call was prepared
+    // The call prepared last: the request that chose it may have changed
+    // by the time its answer is handled.
+    MicroService prepared_ = InitializeSession;
   };
   class SessionCycle : public Cycle {
    public:
