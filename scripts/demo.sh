@@ -4,8 +4,13 @@
 # driving liblum.so.0 as a television would. The device registers,
 # synchronises and polls on a short schedule; the television submits a few
 # data items, which the agent packages and uploads (one of them is not
-# allowed, so the package reports it as rejected); then it shuts down cleanly.
-#   scripts/demo.sh [seconds to run, default 12]
+# allowed, so the package reports it as rejected). Meanwhile the user asks for
+# remote support: the television shows the session code, and a support agent
+# at the back end's console sends a task asking which commands the television
+# offers and reads the answer. The television is switched off with the
+# session held, which suspends it; switched on again, it resumes the session
+# (same code) and the user ends it.
+#   scripts/demo.sh [seconds of the first run, default 12]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-12}
@@ -18,7 +23,9 @@ echo "== liblum installed under $prefix"
 
 work=$(mktemp -d /tmp/lum-demo.XXXXXX)
 backend_pid=""
+host_pid=""
 cleanup() {
+  [ -n "$host_pid" ] && kill "$host_pid" 2>/dev/null && wait "$host_pid" 2>/dev/null
   [ -n "$backend_pid" ] && kill "$backend_pid" 2>/dev/null && wait "$backend_pid" 2>/dev/null
   rm -rf "$work"
 }
@@ -39,7 +46,9 @@ cat > "$work/tunables.json" <<JSON
  "dsStandardDelayFixedMs": 3000, "dsStandardDelayVariedMs": 500,
  "dsRetryDelayFixedMs": 2000, "dsRetryDelayVariedMs": 0,
  "dsAggressiveDelayFixedMs": 1000, "dsAggressiveDelayVariedMs": 0,
- "dsMessageTimeoutMs": 5000, "dsConnectTimeoutMs": 5000}
+ "dsMessageTimeoutMs": 5000, "dsConnectTimeoutMs": 5000,
+ "svRetryDelayFixedMs": 1000, "svRetryDelayVariedMs": 0,
+ "svMessageTimeoutMs": 10000, "svConnectTimeoutMs": 5000}
 JSON
 cat > "$work/config.json" <<JSON
 {"core": {"persistentPath": "$work/state",
@@ -48,8 +57,11 @@ cat > "$work/config.json" <<JSON
                 {"service": "core", "category": "webservice", "severity": "info"},
                 {"service": "core", "category": "supervisor", "severity": "info"},
                 {"service": "ds", "category": "state", "severity": "info"},
-                {"service": "ds", "category": "webservice", "severity": "info"}]}]},
- "dataServices": {"maximumDataBytes": 262144}}
+                {"service": "ds", "category": "webservice", "severity": "info"},
+                {"service": "sv", "category": "state", "severity": "info"},
+                {"service": "sv", "category": "webservice", "severity": "info"}]}]},
+ "dataServices": {"maximumDataBytes": 262144},
+ "supportView": {"pauseSessionOnTerm": true}}
 JSON
 cat > "$work/device.json" <<JSON
 {"id": "DEMO-0001", "model": "LT-55", "subModel": "LT-55-EU", "brand": "Acme",
@@ -68,24 +80,57 @@ ITEMS
 
 allowed=TvPowerState,TvChannelTune,DeviceInfoEsn,DeviceInfoMac
 echo "== Starting the local back end on 127.0.0.1:$port (allowed data items: $allowed)"
-# The output goes through a process substitution so that $! is the back end
-# itself (for a pipeline it would be sed, and the back end would outlive us).
+# The back end's standard input is its support console, fed from a FIFO that
+# this script keeps open (fd 3). Its output goes through a process
+# substitution so that $! is the back end itself (for a pipeline it would be
+# sed, and the back end would outlive us), and into a file the script reads.
+mkfifo "$work/console"
+exec 3<>"$work/console"
 "$bin/tools/backend/lum-backend" --pki "$work/pki" --port "$port" \
   --tunables "$work/tunables.json" --allowed-ids "$allowed" --region eu1 \
-  > >(sed -u 's/^/[backend] /') &
+  --long-poll-ms 5000 < "$work/console" \
+  > >(tee "$work/backend.out" | sed -u 's/^/[backend] /') &
 backend_pid=$!
 for _ in $(seq 50); do
   (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && break
   sleep 0.1
 done
 
+# Waits until `file` holds a line matching `pattern`, for at most 30 s.
+wait_for() {
+  for _ in $(seq 300); do
+    grep -q -- "$2" "$1" 2>/dev/null && return 0
+    sleep 0.1
+  done
+  echo "demo: gave up waiting for '$2'" >&2
+  return 1
+}
+
 echo "== Running the host program for $seconds s (then SIGTERM-style stop)"
 echo "   it submits these data items once the agent knows the allowed ids:"
 grep -v '^$' "$work/items.txt" | sed 's/^/     /'
-"$bin/tools/host/lum-host" --identity "$work/pki/identity.json" \
-  --config "$work/config.json" --device "$work/device.json" \
-  --items "$work/items.txt" --items-delay-ms 200 \
-  --log-through --run-seconds "$seconds" | sed -u 's/^/[tv] /'
+echo "   and the user asks for remote support right away"
+host() {
+  "$bin/tools/host/lum-host" --identity "$work/pki/identity.json" \
+    --config "$work/config.json" --device "$work/device.json" --log-through "$@" \
+    > >(tee -a "$work/tv.out" | sed -u 's/^/[tv] /')
+}
+host --items "$work/items.txt" --items-delay-ms 200 --open-session \
+  --run-seconds "$seconds" &
+host_pid=$!
+wait_for "$work/tv.out" 'session=4 code=[0-9]'
+code=$(grep -o 'session=4 code=[0-9]*' "$work/tv.out" | head -1 | cut -d= -f3)
+echo "== The television shows the session code $code; the support agent asks for the commands"
+echo "task * FFFFFF_LIVE_SUPPORT_GET_AVAILABLE_COMMANDS" >&3
+wait_for "$work/backend.out" 'task answer from'
+wait "$host_pid"
+host_pid=""
+wait_for "$work/backend.out" ') suspended'
+echo "== The television was switched off with the session held; switching it on again"
+: > "$work/tv.out"
+host --close-session-after-ms 5000 --run-seconds 7
+grep -q "session=4 code=$code" "$work/tv.out" &&
+  echo "== The session resumed with the same code $code, and the user ended it"
 
 echo "== Stopping the local back end"
 kill "$backend_pid" 2>/dev/null || true
@@ -93,7 +138,7 @@ wait "$backend_pid" 2>/dev/null || true
 backend_pid=""
 
 echo "== Persisted state left by the agent"
-for f in core daTime dsTime data; do
+for f in core daTime dsTime data session; do
   [ -f "$work/state/$f" ] && echo "  $f: $(head -c 160 "$work/state/$f")..."
 done
 echo "== Demo finished"
