@@ -8,10 +8,30 @@ namespace Core {
 
 namespace {
 
+// The builders are made once: building one fills a settings document of
+// its own, which cost more than parsing or writing a short text. They are
+// only read afterwards (thread-safe), and never destroyed, like everything
+// the agent's threads reach while the host exits.
+const LumJson::CharReaderBuilder& StrictBuilder() {
+  static const LumJson::CharReaderBuilder* const builder = [] {
+    LumJson::CharReaderBuilder* strict = new LumJson::CharReaderBuilder();
+    LumJson::CharReaderBuilder::strictMode(&strict->settings_);
+    return strict;
+  }();
+  return *builder;
+}
+
+const LumJson::StreamWriterBuilder& CompactBuilder() {
+  static const LumJson::StreamWriterBuilder* const builder = [] {
+    LumJson::StreamWriterBuilder* compact = new LumJson::StreamWriterBuilder();
+    (*compact)["indentation"] = "";
+    return compact;
+  }();
+  return *builder;
+}
+
 std::unique_ptr<LumJson::CharReader> NewStrictReader() {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  return std::unique_ptr<LumJson::CharReader>(builder.newCharReader());
+  return std::unique_ptr<LumJson::CharReader>(StrictBuilder().newCharReader());
 }
 
 const LumJson::Value* Member(const LumJson::Value& object, const char* key) {
@@ -41,9 +61,7 @@ bool JsonUtil::ParseObject(const std::string& text, LumJson::Value& out) {
 }
 
 std::string JsonUtil::WriteCompact(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return LumJson::writeString(builder, value);
+  return LumJson::writeString(CompactBuilder(), value);
 }
 
 std::string JsonUtil::ReadText(const LumJson::Value& object, const char* key,
