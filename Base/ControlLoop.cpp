@@ -42,9 +42,8 @@ void ControlLoop::Run(const ControlTexts& texts, int service, Mutex& mutex, Time
   LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "%s terminated", texts.name);
 }
 
-bool ControlLoop::runOnce(const ControlTexts& texts, int service, Mutex& mutex,
-                          TimedSem& delaySem, ControlCycle& cycle,
-                          const std::atomic<bool>& cancel) {
+bool ControlLoop::runOnce(const ControlTexts& texts, int service, Mutex& mutex, TimedSem& delaySem,
+                          ControlCycle& cycle, const std::atomic<bool>& cancel) {
   timespec deadline{};
   switch (cycle.nextStep(deadline)) {
     case ControlCycle::Step::Stop:
@@ -105,8 +104,7 @@ void ControlLoop::waitUntil(const ControlTexts& texts, int service, TimedSem& de
 
 void ControlLoop::waitForever(const ControlTexts& texts, int service, TimedSem& delaySem,
                               ControlCycle& cycle) {
-  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying indefinitely",
-          texts.name);
+  LUM_LOG(service, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s delaying indefinitely", texts.name);
   cycle.waitStarted();
   delaySem.wait(nullptr);
   if (texts.indefiniteWaitEnded != nullptr) {

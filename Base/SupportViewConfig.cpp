@@ -19,8 +19,10 @@ SupportViewConfig::SupportViewConfig(const std::string& configText) {
   if (!section.isObject()) {
     return;
   }
-  pauseSessionOnTerm_ = Core::JsonUtil::ReadBool(section, "pauseSessionOnTerm", pauseSessionOnTerm_);
-  allowRemoteSession_ = Core::JsonUtil::ReadBool(section, "allowRemoteSession", allowRemoteSession_);
+  pauseSessionOnTerm_ =
+      Core::JsonUtil::ReadBool(section, "pauseSessionOnTerm", pauseSessionOnTerm_);
+  allowRemoteSession_ =
+      Core::JsonUtil::ReadBool(section, "allowRemoteSession", allowRemoteSession_);
 }
 
 void SupportViewConfig::logStateDebug() const {

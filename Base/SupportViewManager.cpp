@@ -158,10 +158,10 @@ void SupportViewManager::initialize(const Core::ManagerContext& context) {
   if (sessionHeld()) {
     sessionRequest_ = RequestResume;
   }
-  CommandManager::Instance()->initialize(
-      persistent_->getCertOpid(), persistent_->getCertInstance(), device_->getId(),
-      device_->getModel(), device_->getBrand(), device_->getEsn(), device_->getMac(),
-      device_->getSwVersion());
+  CommandManager::Instance()->initialize(persistent_->getCertOpid(), persistent_->getCertInstance(),
+                                         device_->getId(), device_->getModel(), device_->getBrand(),
+                                         device_->getEsn(), device_->getMac(),
+                                         device_->getSwVersion());
   // The back end may open a session itself, when the configuration lets it.
   Core::EventManager::Instance()->setSessionStarter([](uint32_t, const std::string&) {
     SupportViewManager* self = Instance();
@@ -409,18 +409,18 @@ void SupportViewManager::logStateDebug() {
   if (!Core::Logger::Instance().test(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
     return;
   }
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "sessionState                         : %s", SessionStateToString(sessionState_));
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "sessionRequest                       : %s", SessionRequestToString(sessionRequest_));
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "sessionActivity                      : %s", ThreadActivityToString(session_.activity));
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "getTaskActivity                      : %s", ThreadActivityToString(getTask_.activity));
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "putTaskActivity                      : %s", ThreadActivityToString(putTask_.activity));
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "sessionTimeoutArmed                  : %s", sessionTimeoutArmed_ ? "true" : "false");
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "sessionState                         : %s",
+          SessionStateToString(sessionState_));
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "sessionRequest                       : %s",
+          SessionRequestToString(sessionRequest_));
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "sessionActivity                      : %s",
+          ThreadActivityToString(session_.activity));
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "getTaskActivity                      : %s",
+          ThreadActivityToString(getTask_.activity));
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "putTaskActivity                      : %s",
+          ThreadActivityToString(putTask_.activity));
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "sessionTimeoutArmed                  : %s",
+          sessionTimeoutArmed_ ? "true" : "false");
 }
 
 // ---------------------------------------------------------------- session store
@@ -541,8 +541,8 @@ bool SupportViewManager::taskRoomLeft() const {
 // An idle thread is woken only when its next check would find work: waking
 // it on anything else would make two idle threads wake each other for ever.
 void SupportViewManager::cascadeSessionThread() {
-  const bool nothingToEnd = !sessionHeld() && (sessionRequest_ == RequestTerminate ||
-                                               sessionRequest_ == RequestSuspend);
+  const bool nothingToEnd =
+      !sessionHeld() && (sessionRequest_ == RequestTerminate || sessionRequest_ == RequestSuspend);
   // A session asked for before the device is registered waits for the
   // registration: without a GID token the back end could only refuse it,
   // and its refusal would retire the token the core is about to get.
@@ -554,7 +554,7 @@ void SupportViewManager::cascadeSessionThread() {
         sessionRequest_ = RequestNone;
       }
       session_.activity = sessionRequest_ == RequestNone || unregistered ? ThreadActivityIdle
-                                                                        : busyOrDelay(session_);
+                                                                         : busyOrDelay(session_);
       break;
     case ThreadActivityIdle:
       if (terminating_ || (sessionRequest_ != RequestNone && !unregistered)) {
@@ -962,8 +962,8 @@ void SupportViewManager::runTask(TaskRun& run) {
   LUM_LOG(kSv, FP::CATEGORY_TEST, FP::SEVERITY_DEBUG, "ExecuteTask in: %s",
           task.taskRequest.c_str());
   unsigned result = LUM_RESULT_BAD_ARGUMENT;
-  Core::ExceptionBarrier::Run("ExecuteTask",
-                              [&] { result = executeCommand(task.taskRequest, task.taskResponse); });
+  Core::ExceptionBarrier::Run(
+      "ExecuteTask", [&] { result = executeCommand(task.taskRequest, task.taskResponse); });
   LockMutex lock(&TheCore().getMutex());
   if (run.abandoned) {
     // The agent stopped without this task; nothing of that run is left to

@@ -219,12 +219,12 @@ class SupportViewManager : public Core::Manager {
   void reapTasks(bool abandonRunning);
 
   std::unique_ptr<SupportViewConfig> config_;
-  Core::CoreConfig* coreConfig_ = nullptr;         // not owned
-  Core::ProductIdentity* identity_ = nullptr;      // not owned
-  Core::DeviceValues* device_ = nullptr;           // not owned
-  Core::PersistentValues* persistent_ = nullptr;   // not owned
-  SessionPart* video_ = nullptr;                   // not owned
-  SessionPart* trainingRemote_ = nullptr;          // not owned
+  Core::CoreConfig* coreConfig_ = nullptr;        // not owned
+  Core::ProductIdentity* identity_ = nullptr;     // not owned
+  Core::DeviceValues* device_ = nullptr;          // not owned
+  Core::PersistentValues* persistent_ = nullptr;  // not owned
+  SessionPart* video_ = nullptr;                  // not owned
+  SessionPart* trainingRemote_ = nullptr;         // not owned
 
   std::string sessionToken_;
   std::string sessionCode_;

@@ -31,8 +31,7 @@ unsigned SessionState() {
 }
 
 // One task's trip through the agent, as the threads do it piece by piece.
-__attribute__((noinline)) void TaskRoundTrip(const std::string& pollAnswer,
-                                             std::string& putBody) {
+__attribute__((noinline)) void TaskRoundTrip(const std::string& pollAnswer, std::string& putBody) {
   LumJson::Value answer;
   JsonUtil::ParseObject(pollAnswer, answer);
   const std::string taskRequest = JsonUtil::ReadText(answer, "taskRequest", "");

@@ -11,7 +11,14 @@
  *   in the background and end their network transfers early. Once
  *   LumGetStatus reports state 0 (LumDeviceAgentUninitialized) after a stop,
  *   no thread of the agent runs any more: from then on the host may unload
- *   the library (dlclose). Before state 0 it must not.
+ *   the library (dlclose). Before state 0 it must not. One exception: a
+ *   support task whose platform callback has not returned within the stop's
+ *   grace time (the support view's message time-out, at most 15 s) is left
+ *   behind, and its thread returns into the library when the callback does;
+ *   a host that unloads the library must not leave a callback blocked.
+ * - A remote support session held when the agent stops is suspended (with
+ *   "pauseSessionOnTerm", the default) and resumed by the next start, or
+ *   ended; either takes one call, within the same grace time.
  * - The host may exit at any moment, after LumTerm or without it: the agent
  *   never destroys what its threads still use, so the exit neither crashes
  *   nor hangs. What the stop would have stored (the data queue, the time of
@@ -133,7 +140,13 @@ LUM_API unsigned int LumFreeStatus(LumStatus* status);
 /* Host log lines; severity 0 (trace) to 5 (fatal). */
 LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ...) LUM_PRINTF(2, 3);
 
-/* Remote support sessions; allowSessionCodeBypass is 0 or 1. */
+/* Remote support sessions; allowSessionCodeBypass is 0 or 1. LumSessionInit
+   asks for a session: LUM_RESULT_SUCCESS once the request is taken (the
+   session code shows in LumStatus.sessionCode when the session is Ready),
+   1 when the agent is not running or support view is disabled, 2 while a
+   session is being opened or resumed or is in use, 3 while one is ending.
+   LumSessionTerm ends the session: 1 when there is none, 3 while one is
+   already ending. */
 LUM_API unsigned int LumSessionInit(unsigned int allowSessionCodeBypass);
 LUM_API unsigned int LumSessionTerm(void);
 

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <exception>
 
+#include "tools/backend/JsonText.h"
+
 namespace Lum {
 namespace Tools {
 
@@ -29,12 +31,6 @@ constexpr const char* kAnyPath = "*";
 constexpr size_t kMaxTestBytes = 1024u * 1024u * 1024u;
 constexpr const char* kNotJsonBody = "<html><body>Service temporarily unavailable</body></html>";
 
-std::string Compact(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return LumJson::writeString(writer, value);
-}
-
 bool ParseJson(const std::string& text, LumJson::Value* value) {
   LumJson::CharReaderBuilder builder;
   LumJson::CharReaderBuilder::strictMode(&builder.settings_);
@@ -46,7 +42,7 @@ bool ParseJson(const std::string& text, LumJson::Value* value) {
 std::string ErrorBody(const std::string& text) {
   LumJson::Value body(LumJson::objectValue);
   body["error"] = text;
-  return Compact(body);
+  return JsonText::Compact(body);
 }
 
 std::string RandomHex(size_t bytes) {
@@ -534,7 +530,7 @@ void Backend::handleGidToken(const RecordedRequest& request, Reply& reply) {
   ++device.tokensIssued;
   LumJson::Value answer(LumJson::objectValue);
   answer["daGidToken"] = device.gidToken;
-  reply.json(200, Compact(answer));
+  reply.json(200, JsonText::Compact(answer));
 }
 
 LumJson::Value Backend::stateAnswer(DeviceRecord& device) {
@@ -597,7 +593,7 @@ void Backend::handleState(const RecordedRequest& request, Reply& reply) {
   }
   ++device->stateCalls;
   device->reportedState = body;
-  reply.json(200, Compact(stateAnswer(*device)));
+  reply.json(200, JsonText::Compact(stateAnswer(*device)));
 }
 
 void Backend::handleNotification(const RecordedRequest& request, Reply& reply) {
@@ -614,7 +610,7 @@ void Backend::handleNotification(const RecordedRequest& request, Reply& reply) {
   ++device->notificationCalls;
   LumJson::Value answer(LumJson::objectValue);
   answer["daStateSynchronized"] = !deliveryPending(*device);
-  reply.json(200, Compact(answer));
+  reply.json(200, JsonText::Compact(answer));
 }
 
 // ---- the data-services paths ----
@@ -650,7 +646,7 @@ void Backend::handleUploadToken(const RecordedRequest& request, Reply& reply) {
   answer["dsUploadToken"] =
       uploads_.issue(request.clientCommonName, body["dsPackageHash"].asString(), region);
   answer["dsUploadRegion"] = region;
-  reply.json(200, Compact(answer));
+  reply.json(200, JsonText::Compact(answer));
 }
 
 void Backend::handleUploadPackage(const RecordedRequest& request, Reply& reply) {

@@ -12,6 +12,8 @@
 #include <sstream>
 #include <vector>
 
+#include "tools/backend/JsonText.h"
+
 namespace Lum {
 namespace Tools {
 
@@ -47,18 +49,6 @@ bool IsOperationName(const std::string& word) {
     }
   }
   return true;
-}
-
-bool ParseStrict(const std::string& text, LumJson::Value* value) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  try {
-    return reader->parse(text.data(), text.data() + text.size(), value, &errors);
-  } catch (const std::exception&) {
-    return false;
-  }
 }
 
 std::string Pretty(const LumJson::Value& value) {
@@ -244,7 +234,7 @@ void SupportConsole::queueTask(const std::string& arguments) {
     rest = next;
   }
   LumJson::Value inputs(LumJson::objectValue);
-  if (!rest.empty() && !ParseStrict(rest, &inputs)) {
+  if (!rest.empty() && !JsonText::ParseStrict(rest, &inputs)) {
     print("the inputs are not JSON: " + rest + "\n");
     return;
   }

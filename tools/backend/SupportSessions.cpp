@@ -7,6 +7,8 @@
 #include <memory>
 #include <utility>
 
+#include "tools/backend/JsonText.h"
+
 namespace Lum {
 namespace Tools {
 
@@ -15,24 +17,6 @@ namespace {
 // How long a suspended session stays resumable when no resume has named a
 // limit yet: the agent's own default pause limit.
 constexpr uint32_t kDefaultPauseLimitMs = 180000;
-
-std::string Compact(const LumJson::Value& value) {
-  LumJson::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return LumJson::writeString(writer, value);
-}
-
-bool ParseStrict(const std::string& text, LumJson::Value* value) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  try {
-    return reader->parse(text.data(), text.data() + text.size(), value, &errors);
-  } catch (const std::exception&) {
-    return false;  // nesting beyond the reader's limit
-  }
-}
 
 // Unpredictable, so a device cannot guess another device's session token.
 bool RandomBytes(unsigned char* bytes, size_t length) {
@@ -64,7 +48,7 @@ std::string SixDigits() {
 SupportSessions::Answer Refuse(int status, const std::string& text) {
   LumJson::Value body(LumJson::objectValue);
   body["error"] = text;
-  return SupportSessions::Answer{status, Compact(body)};
+  return SupportSessions::Answer{status, JsonText::Compact(body)};
 }
 
 SupportSessions::Answer Empty() {
@@ -152,7 +136,7 @@ void SupportSessions::countCall(const std::string& commonName, const std::string
 SupportSessions::Answer SupportSessions::initialize(const std::string& commonName,
                                                     const std::string& body) {
   LumJson::Value request;
-  if (!ParseStrict(body, &request) || !request.isObject() ||
+  if (!JsonText::ParseStrict(body, &request) || !request.isObject() ||
       !(request["allowSessionCodeBypass"].isNull() || request["allowSessionCodeBypass"].isBool())) {
     return Refuse(400, "expected {\"allowSessionCodeBypass\": bool, \"timeoutMs\": n}");
   }
@@ -192,7 +176,7 @@ SupportSessions::Answer SupportSessions::initialize(const std::string& commonNam
   }
   cv_.notify_all();
   emit(events);
-  return Answer{200, Compact(answer)};
+  return Answer{200, JsonText::Compact(answer)};
 }
 
 SupportSessions::Answer SupportSessions::terminate(const std::string& commonName,
@@ -239,7 +223,7 @@ SupportSessions::Answer SupportSessions::resume(const std::string& commonName,
                                                 const std::string& token, const std::string& body) {
   LumJson::Value request;
   uint32_t pauseLimitMs = 0;
-  const bool parsed = ParseStrict(body, &request) && request.isObject() &&
+  const bool parsed = JsonText::ParseStrict(body, &request) && request.isObject() &&
                       OptionalUInt(request, "timeoutMs", &pauseLimitMs);
   Events events;
   Answer answer = Empty();
@@ -269,7 +253,7 @@ SupportSessions::Answer SupportSessions::getCommand(const std::string& commonNam
                                                     const std::string& body) {
   LumJson::Value request;
   const bool parsed =
-      ParseStrict(body, &request) && request.isObject() && request["seqNum"].isUInt();
+      JsonText::ParseStrict(body, &request) && request.isObject() && request["seqNum"].isUInt();
   Events events;
   Answer answer{204, ""};
   {
@@ -314,7 +298,7 @@ SupportSessions::Answer SupportSessions::hold(Device& device, uint32_t after,
       delivery["seqNum"] = next->seqNum;
       delivery["taskRequest"] = next->document;
       device.view.lastDeliveredSeqNum = next->seqNum;
-      answer = Answer{200, Compact(delivery)};
+      answer = Answer{200, JsonText::Compact(delivery)};
       break;
     }
     if (Clock::now() >= deadline) {
@@ -333,8 +317,8 @@ SupportSessions::Answer SupportSessions::putCommand(const std::string& commonNam
                                                     const std::string& token,
                                                     const std::string& body) {
   LumJson::Value request;
-  const bool parsed =
-      ParseStrict(body, &request) && request.isObject() && request["taskResponse"].isString();
+  const bool parsed = JsonText::ParseStrict(body, &request) && request.isObject() &&
+                      request["taskResponse"].isString();
   Events events;
   TaskAnswer received;
   Answer answer;
@@ -349,7 +333,7 @@ SupportSessions::Answer SupportSessions::putCommand(const std::string& commonNam
       received = record(*device, request["taskResponse"].asString());
       LumJson::Value accepted(LumJson::objectValue);
       accepted["seqNum"] = device->view.answersAccepted;
-      answer = Answer{200, Compact(accepted)};
+      answer = Answer{200, JsonText::Compact(accepted)};
     }
   }
   cv_.notify_all();
@@ -366,7 +350,7 @@ TaskAnswer SupportSessions::record(Device& device, const std::string& text) {
   received.commonName = device.view.commonName;
   received.text = text;
   LumJson::Value document;
-  if (ParseStrict(text, &document) && document.isObject()) {
+  if (JsonText::ParseStrict(text, &document) && document.isObject()) {
     received.taskId = document["TASK_ID"].isUInt() ? document["TASK_ID"].asUInt() : 0;
     received.sessionId = document["SESSION_ID"].isString() ? document["SESSION_ID"].asString() : "";
     received.output = document["TASK_OUTPUT"];
@@ -473,7 +457,7 @@ uint32_t SupportSessions::queueTask(const std::string& commonName, const LumJson
     document["SESSION_ID"] = device.view.sessionId;
     document["TASK_ID"] = seqNum;
     document["REQUESTS"] = requests;
-    device.tasks.push_back(Task{seqNum, Compact(document), false});
+    device.tasks.push_back(Task{seqNum, JsonText::Compact(document), false});
     ++device.view.pendingTasks;
   }
   cv_.notify_all();  // a held get hands it out

@@ -8,6 +8,8 @@
 #include <memory>
 #include <utility>
 
+#include "tools/backend/JsonText.h"
+
 namespace Lum {
 namespace Tools {
 
@@ -40,18 +42,6 @@ std::string OpidOf(const std::string& commonName) {
 std::string InstanceOf(const std::string& commonName) {
   size_t dot = commonName.find('.');
   return dot == std::string::npos ? std::string() : commonName.substr(dot + 1);
-}
-
-bool ParseStrict(const std::string& text, LumJson::Value* value) {
-  LumJson::CharReaderBuilder builder;
-  LumJson::CharReaderBuilder::strictMode(&builder.settings_);
-  std::unique_ptr<LumJson::CharReader> reader(builder.newCharReader());
-  std::string errors;
-  try {
-    return reader->parse(text.data(), text.data() + text.size(), value, &errors);
-  } catch (const std::exception&) {
-    return false;  // nesting beyond the reader's limit
-  }
 }
 
 }  // namespace
@@ -121,7 +111,7 @@ std::string UploadLedger::issue(const std::string& commonName, const std::string
 // members, white space and reordered keys alike.
 bool UploadLedger::ParsePackage(const std::string& text, ReceivedPackage* package) {
   LumJson::Value root;
-  if (!ParseStrict(text, &root) || !root.isObject()) {
+  if (!JsonText::ParseStrict(text, &root) || !root.isObject()) {
     return false;
   }
   const LumJson::Value& version = root["version"];
@@ -203,7 +193,7 @@ std::vector<LumJson::Value> UploadLedger::dataItems() const {
   for (const auto& package : copy) {
     for (const auto& text : package.items) {
       LumJson::Value item;
-      ParseStrict(text, &item);  // parsed once already when the package was accepted
+      JsonText::ParseStrict(text, &item);  // parsed once already when the package was accepted
       items.push_back(item);
     }
   }

@@ -1,5 +1,3 @@
-#include "Base/ControlLoop.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "Base/ControlLoop.h"
 #include "Platform/Clock.h"
 #include "Platform/LockMutex.h"
 #include "Platform/Mutex.h"

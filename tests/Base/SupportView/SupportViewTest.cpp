@@ -167,8 +167,8 @@ TEST_F(SupportView, A422EndsTheSessionOrTheRegistration) {
   refusal.status = 422;
   agent_.backend().injectFault("/api/v1/sv/session/initialize", refusal);
   ASSERT_EQ(LumSessionInit(0), LUM_RESULT_SUCCESS);
-  EXPECT_TRUE(agent_.backend().waitForRequests("/api/v1/da/gidtoken", tokensBefore + 1,
-                                               seconds(10)));
+  EXPECT_TRUE(
+      agent_.backend().waitForRequests("/api/v1/da/gidtoken", tokensBefore + 1, seconds(10)));
   // Registered again, the session opens after all.
   EXPECT_TRUE(WaitForSession(LumSessionReady));
 }
