@@ -247,6 +247,38 @@ TEST_F(SupportView, StopsPromptlyWhileAPollIsHeld) {
   EXPECT_EQ(backendSession().state, SupportSessionState::Suspended);
 }
 
+// A shutdown makes one attempt to suspend: when it fails the session is
+// still kept for the next start, and the stop does not wait out retries.
+TEST_F(SupportView, AFailedSuspendStillKeepsTheSession) {
+  start(true);
+  openSession();
+  Fault failing;
+  failing.status = 503;
+  failing.count = -1;
+  agent_.backend().injectFault("/api/v1/sv/session/suspend", failing);
+  ASSERT_TRUE(agent_.stop());
+  EXPECT_FALSE(FileUtil::Load(agent_.persistentPath(), "session").empty());
+  EXPECT_EQ(agent_.backend().requestCount("/api/v1/sv/session/suspend"), 1u);
+}
+
+// Answers that come at once are not a reason to call again at once: an
+// empty long poll waits the retry delay, and a terminate answered 204 ends
+// the session.
+TEST_F(SupportView, ImmediateAnswersDoNotMakeABusyLoop) {
+  start();
+  agent_.backend().setLongPollHold(milliseconds(0));
+  openSession();
+  const auto from = steady_clock::now();
+  ASSERT_TRUE(WaitFor([&] { return calls("sv/command/get") >= 3; }));
+  EXPECT_GE(steady_clock::now() - from, milliseconds(300));
+  Fault empty;
+  empty.status = 204;
+  agent_.backend().injectFault("/api/v1/sv/session/terminate", empty);
+  ASSERT_EQ(LumSessionTerm(), LUM_RESULT_SUCCESS);
+  EXPECT_TRUE(WaitForSession(LumSessionNone));
+  EXPECT_EQ(agent_.backend().requestCount("/api/v1/sv/session/terminate"), 1u);
+}
+
 // The back end may open a session itself when the configuration allows it.
 TEST_F(SupportView, TheBackEndCanStartASession) {
   agent_.backend().queueEvent("startsvsession", 7, "");
