@@ -102,14 +102,17 @@ ControlTexts Texts(bool skips) {
 // Runs the loop on a thread; `wake` resets the semaphore whenever the cycle
 // is asleep on it and the test asks for a wake.
 struct LoopThread {
-  LoopThread(ScriptedCycle& cycle, const ControlTexts& texts)
-      : sem(mutex), thread([&] { ControlLoop::Run(texts, 0, mutex, sem, cycle, cancel); }) {}
+  LoopThread(ScriptedCycle& cycle, const ControlTexts& loopTexts)
+      : texts(loopTexts),
+        sem(mutex),
+        thread([this, &cycle] { ControlLoop::Run(texts, 0, mutex, sem, cycle, cancel); }) {}
   ~LoopThread() { thread.join(); }
   void wakeWhenWaiting(ScriptedCycle& cycle) {
     ASSERT_TRUE(LumTest::WaitFor([&] { return cycle.waiting.load(); }));
     LockMutex lock(&mutex);
     sem.reset();
   }
+  const ControlTexts texts;  // the loop reads them for as long as it runs
   Mutex mutex;
   TimedSem sem;
   std::atomic<bool> cancel{false};
