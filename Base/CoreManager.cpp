@@ -42,10 +42,6 @@ constexpr unsigned kMaxBadSynchs = 3;
 constexpr unsigned long long kMinimumDelayMs = 100;
 constexpr const char* kStatusFrame = "----------------------------------------------------";
 
-char* DuplicateText(const std::string& text) {
-  return StringUtil::DuplicateForHost(text);
-}
-
 void FreeText(char*& field) {
   free(field);
   field = nullptr;
@@ -434,8 +430,7 @@ void* CoreManager::StateControl(void* arg) {
     texts.delayNamesCall = true;
     return texts;
   }();
-  ControlLoop::Run(kTexts, kCore, self->mutex_, *self->delaySem_, *self,
-                   self->transfersCancelled_);
+  ControlLoop::Run(kTexts, kCore, self->mutex_, *self->delaySem_, *self, self->transfersCancelled_);
   return nullptr;
 }
 
@@ -726,14 +721,14 @@ void CoreManager::fillStatus(LumStatus* status) {
   }
   const PersistentValues& p = *persistent_;
   status->testMode = p.getTestMode() ? 1 : 0;
-  status->sdkVersion = DuplicateText(p.getSdkVersion());
-  status->deviceId = DuplicateText(p.getDeviceId());
-  status->certOpid = DuplicateText(p.getCertOpid());
-  status->certInstance = DuplicateText(p.getCertInstance());
-  status->allowedDataItemIds =
-      DuplicateText(StringSetUtil::StringSetToCsvString(p.getDsAllowedDataItemIds()));
-  status->consentUrl = DuplicateText(p.getDaConsentUrl());
-  status->swVersion = DuplicateText(device_->getSwVersion());
+  status->sdkVersion = StringUtil::DuplicateForHost(p.getSdkVersion());
+  status->deviceId = StringUtil::DuplicateForHost(p.getDeviceId());
+  status->certOpid = StringUtil::DuplicateForHost(p.getCertOpid());
+  status->certInstance = StringUtil::DuplicateForHost(p.getCertInstance());
+  status->allowedDataItemIds = StringUtil::DuplicateForHost(
+      StringSetUtil::StringSetToCsvString(p.getDsAllowedDataItemIds()));
+  status->consentUrl = StringUtil::DuplicateForHost(p.getDaConsentUrl());
+  status->swVersion = StringUtil::DuplicateForHost(device_->getSwVersion());
 }
 
 unsigned CoreManager::freeStatus(LumStatus* status) {
