@@ -16,6 +16,14 @@ enum CommandOperation : unsigned {
   SESSION_TERMINATE = 16,
 };
 
+// The "RESULT" of one request, as the back end reads it.
+enum CommandResult : int {
+  kCommandSuccess = 0,
+  kInvalidParameter = 3,  // inputs or outputs of the wrong kind, or a malformed request
+  kNotSupported = 4,      // the command does not offer the operation
+  kNotImplemented = 5,    // it offers it, but has no handler for it (yet)
+};
+
 // What one request asks of a command.
 struct CommandContext {
   std::string name;

@@ -22,8 +22,6 @@ using FP = Core::FilterProperties;
 namespace {
 
 constexpr int kSv = FP::SERVICE_SV;
-constexpr int kInvalidParameter = 3;
-constexpr int kNotImplemented = 5;
 constexpr size_t kMaxPrintedBytes = 2048;
 
 const LumJson::Value* Member(const LumJson::Value& object, const char* key) {

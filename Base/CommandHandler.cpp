@@ -16,9 +16,6 @@ using FP = Core::FilterProperties;
 namespace {
 
 constexpr int kSv = FP::SERVICE_SV;
-constexpr int kNotImplemented = 5;
-constexpr int kInvalidParameter = 3;
-constexpr int kNotSupported = 4;
 
 // Its inputs are not an object but whatever the look-up needs, so this one
 // command is spared the check that the inputs are an object.

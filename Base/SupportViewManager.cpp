@@ -744,14 +744,13 @@ std::string SupportViewManager::PutTaskCycle::nextCallName() {
   return MicroServiceToString(PutCommand);
 }
 
-bool SupportViewManager::deadlineFor(ControlThread& thread, timespec& deadline) {
+// The retry delay, cut short by the session time-out when that comes first.
+void SupportViewManager::deadlineFor(ControlThread& thread, timespec& deadline) {
   CoreManager::updateTimestamp(thread.lastCall, deadline, persistent_->getSvRetryDelayFixedMs(),
                                persistent_->getSvRetryDelayVariedMs());
   if (sessionTimeoutArmed_ && Core::IsBefore(sessionDeadline_, deadline)) {
     deadline = sessionDeadline_;
-    return true;
   }
-  return false;
 }
 
 SupportViewManager::ControlThread& SupportViewManager::threadFor(MicroService ms) {

@@ -195,7 +195,7 @@ class SupportViewManager : public Core::Manager {
   void startTask(const LumJson::Value& answer);
   void finishShutdownCall(MicroService ms);
   ControlThread& threadFor(MicroService ms);
-  bool deadlineFor(ControlThread& thread, timespec& deadline);
+  void deadlineFor(ControlThread& thread, timespec& deadline);
 
   void cascadeSessionTimeout();
   void cascadeSessionThread();

@@ -179,44 +179,39 @@ SupportSessions::Answer SupportSessions::initialize(const std::string& commonNam
   return Answer{200, JsonText::Compact(answer)};
 }
 
-SupportSessions::Answer SupportSessions::terminate(const std::string& commonName,
-                                                   const std::string& token) {
+SupportSessions::Answer SupportSessions::changeSession(
+    const std::string& commonName, const std::string& token,
+    const std::function<Answer(Device&, Events*)>& change) {
   Events events;
   Answer answer = Empty();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     Device* device = open(commonName, token, true, &events);
-    if (device == nullptr) {
-      answer = Refuse(422, "unknown session token");
-    } else {
-      finish(*device, SupportSessionEvent::Kind::Terminated, &events);
-    }
+    answer = device == nullptr ? Refuse(422, "unknown session token") : change(*device, &events);
   }
-  cv_.notify_all();  // its held get ends
+  cv_.notify_all();  // a held get ends when its session pauses or ends
   emit(events);
   return answer;
 }
 
+SupportSessions::Answer SupportSessions::terminate(const std::string& commonName,
+                                                   const std::string& token) {
+  return changeSession(commonName, token, [this](Device& device, Events* events) {
+    finish(device, SupportSessionEvent::Kind::Terminated, events);
+    return Empty();
+  });
+}
+
 SupportSessions::Answer SupportSessions::suspend(const std::string& commonName,
                                                  const std::string& token) {
-  Events events;
-  Answer answer = Empty();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Device* device = open(commonName, token, true, &events);
-    if (device == nullptr) {
-      answer = Refuse(422, "unknown session token");
-    } else {
-      if (device->view.state == SupportSessionState::Active) {
-        device->view.state = SupportSessionState::Suspended;
-        events.push_back({SupportSessionEvent::Kind::Suspended, commonName, device->view.code});
-      }
-      device->lastContact = Clock::now();
+  return changeSession(commonName, token, [&commonName](Device& device, Events* events) {
+    if (device.view.state == SupportSessionState::Active) {
+      device.view.state = SupportSessionState::Suspended;
+      events->push_back({SupportSessionEvent::Kind::Suspended, commonName, device.view.code});
     }
-  }
-  cv_.notify_all();  // its held get ends
-  emit(events);
-  return answer;
+    device.lastContact = Clock::now();
+    return Empty();
+  });
 }
 
 SupportSessions::Answer SupportSessions::resume(const std::string& commonName,
@@ -225,27 +220,18 @@ SupportSessions::Answer SupportSessions::resume(const std::string& commonName,
   uint32_t pauseLimitMs = 0;
   const bool parsed = JsonText::ParseStrict(body, &request) && request.isObject() &&
                       OptionalUInt(request, "timeoutMs", &pauseLimitMs);
-  Events events;
-  Answer answer = Empty();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    Device* device = open(commonName, token, true, &events);
-    if (device == nullptr) {
-      answer = Refuse(422, "unknown session token");
-    } else if (!parsed) {
-      answer = Refuse(400, "expected {\"timeoutMs\": n}");
-    } else {
-      if (device->view.state == SupportSessionState::Suspended) {
-        device->view.state = SupportSessionState::Active;
-        events.push_back({SupportSessionEvent::Kind::Resumed, commonName, device->view.code});
-      }
-      device->pauseLimitMs = pauseLimitMs;
-      device->lastContact = Clock::now();
+  return changeSession(commonName, token, [&](Device& device, Events* events) {
+    if (!parsed) {
+      return Refuse(400, "expected {\"timeoutMs\": n}");
     }
-  }
-  cv_.notify_all();
-  emit(events);
-  return answer;
+    if (device.view.state == SupportSessionState::Suspended) {
+      device.view.state = SupportSessionState::Active;
+      events->push_back({SupportSessionEvent::Kind::Resumed, commonName, device.view.code});
+    }
+    device.pauseLimitMs = pauseLimitMs;
+    device.lastContact = Clock::now();
+    return Empty();
+  });
 }
 
 SupportSessions::Answer SupportSessions::getCommand(const std::string& commonName,

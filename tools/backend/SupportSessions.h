@@ -149,6 +149,11 @@ class SupportSessions {
   bool expired(const Device& device) const;
   void finish(Device& device, SupportSessionEvent::Kind kind, Events* events);
   void emit(const Events& events) const;
+  // Runs `change` on the device's open (active or suspended) session under
+  // the mutex, 422 for a token that opens none; then wakes the held polls
+  // and reports the events.
+  Answer changeSession(const std::string& commonName, const std::string& token,
+                       const std::function<Answer(Device&, Events*)>& change);
   SupportSessionState stateOf(const std::string& commonName) const;
 
   const Options options_;  // hold is read from hold_ instead
