@@ -19,6 +19,7 @@ enum CommandOperation : unsigned {
 // The "RESULT" of one request, as the back end reads it.
 enum CommandResult : int {
   kCommandSuccess = 0,
+  kCommandFailed = 1,     // the television refused or failed what the command asked of it
   kInvalidParameter = 3,  // inputs or outputs of the wrong kind, or a malformed request
   kNotSupported = 4,      // the command does not offer the operation
   kNotImplemented = 5,    // it offers it, but has no handler for it (yet)

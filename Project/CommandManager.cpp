@@ -8,8 +8,28 @@
 #include "Platform/LockRead.h"
 #include "Platform/LockWrite.h"
 #include "Platform/Logger.h"
+#include "Project/CommandBTDiagnostic.h"
+#include "Project/CommandCheckForUpdates.h"
+#include "Project/CommandDTVDiagnoseTool.h"
 #include "Project/CommandGetAvailableCommands.h"
 #include "Project/CommandGetAvailableLocales.h"
+#include "Project/CommandGetDeviceCapabilities.h"
+#include "Project/CommandGetDeviceConfig.h"
+#include "Project/CommandGetDeviceInfo.h"
+#include "Project/CommandHDMIDiagnostic.h"
+#include "Project/CommandLbrLookup.h"
+#include "Project/CommandNorvikOTATool.h"
+#include "Project/CommandPQAQResetTool.h"
+#include "Project/CommandPQAQRestoreTool.h"
+#include "Project/CommandPictureDiagnoseTool.h"
+#include "Project/CommandPictureDiagnostic.h"
+#include "Project/CommandProductReturnPreprocess.h"
+#include "Project/CommandRemoteButton.h"
+#include "Project/CommandResetFactoryDefaults.h"
+#include "Project/CommandSoundDiagnoseTool.h"
+#include "Project/CommandSoundDiagnostic.h"
+#include "Project/CommandSourceChangeTool.h"
+#include "Project/CommandTVDiagnostic.h"
 
 LUM_SOURCE_FILE("Project/CommandManager");
 
@@ -57,11 +77,14 @@ const Registration kRegistrations[] = {
     {{"FFFFFF_LIVE_SUPPORT_COMMAND_GET_AVAILABLE_LOCALES", "GetAvailableLocales", 1, 0, 500,
       kExecute},
      &Make<CommandGetAvailableLocales>},
-    {{"FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES", "CheckForUpdates", 1, 0, 2000, kExecute}, kPending},
+    {{"FFFFFF_LIVE_SUPPORT_CHECK_FOR_UPDATES", "CheckForUpdates", 1, 0, 2000, kExecute},
+     &Make<CommandCheckForUpdates>},
     {{"FFFFFF_LIVE_SUPPORT_GET_DEVICE_CAPABILITIES", "GetDeviceCapabilities", 1, 0, 50, kExecute},
-     kPending},
-    {{"FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", "GetDeviceInfo", 1, 0, 50, kExecute}, kPending},
-    {{"FFFFFF_LIVE_SUPPORT_COMMAND_LBR_LOOKUP", "LbrLookup", 1, 0, 250, kExecute}, kPending},
+     &Make<CommandGetDeviceCapabilities>},
+    {{"FFFFFF_LIVE_SUPPORT_GET_DEVICE_INFO", "GetDeviceInfo", 1, 0, 50, kExecute},
+     &Make<CommandGetDeviceInfo>},
+    {{"FFFFFF_LIVE_SUPPORT_COMMAND_LBR_LOOKUP", "LbrLookup", 1, 0, 250, kExecute},
+     &Make<CommandLbrLookup>},
     {{"FFFFFF_LIVE_SUPPORT_MEDIA_STREAM_PARAMS", "MediaStreamParams", 1, 1, 250,
       kExecuteGetDescription},
      kPending},
@@ -72,7 +95,7 @@ const Registration kRegistrations[] = {
       kExecuteGetDescription},
      kPending},
     {{"FFFFFF_LIVE_SUPPORT_TV_REMOTE_BUTTON", "RemoteButton", 1, 0, 500, kExecuteDescription},
-     kPending},
+     &Make<CommandRemoteButton>},
     {{"FFFFFF_LIVE_SUPPORT_SET_DATE_TIME", "SetDateTime", 1, 0, 250, kExecute}, kPending},
     {{"FFFFFF_LIVE_SUPPORT_TRAINING_REMOTE_LOCATION", "TrainingRemoteLocation", 1, 1, 250,
       kExecuteGetDescription},
@@ -85,44 +108,45 @@ const Registration kRegistrations[] = {
      kPending},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_PICTURE_DIAGNOSTIC", "PictureDiagnostic", 2, 0, 2000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandPictureDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_SOUND_DIAGNOSTIC", "SoundDiagnostic", 2, 0, 2000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandSoundDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_HDMI_DIAGNOSTIC", "HDMIDiagnostic", 2, 0, 2000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandHDMIDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_TV_DIAGNOSTIC", "TVDiagnostic", 2, 0, 2000, kExecuteDescription},
-     kPending},
+     &Make<CommandTVDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_NETWORK_DIAGNOSTIC", "NetworkDiagnostic", 2, 0, 30000,
       kExecuteDescription},
      kPending},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_BT_DIAGNOSTIC", "BTDiagnostic", 2, 0, 2000, kExecuteDescription},
-     kPending},
+     &Make<CommandBTDiagnostic>},
     {{"FFFFFF_LIVE_SUPPORT_RESET_FACTORY_DEFAULTS", "ResetFactoryDefaults", 3, 0, 1000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandResetFactoryDefaults>},
     {{"FFFFFF_LIVE_SUPPORT_GET_DEVICE_CONFIG", "GetDeviceConfig", 3, 0, 30000, kExecuteDescription},
-     kPending},
+     &Make<CommandGetDeviceConfig>},
     {{"FFFFFF_LIVE_SUPPORT_PRODUCT_RETURN_PREPROCESS", "ProductReturnPreprocess", 3, 0, 500,
       kExecute},
-     kPending},
+     &Make<CommandProductReturnPreprocess>},
     {{"B7E20D_LIVE_SUPPORT_PICTURE_DIAGNOSE_TOOL", "PictureDiagnoseTool", 3, 0, 500,
       kExecuteGetDescription},
-     kPending},
+     &Make<CommandPictureDiagnoseTool>},
     {{"B7E20D_LIVE_SUPPORT_SOUND_SETTINGS", "SoundDiagnoseTool", 3, 0, 500, kExecuteGetDescription},
-     kPending},
+     &Make<CommandSoundDiagnoseTool>},
     {{"B7E20D_LIVE_SUPPORT_DTV_DIAGNOSTIC_TOOL", "DTVDiagnoseTool", 3, 0, 1000,
       kExecuteGetDescription},
-     kPending},
+     &Make<CommandDTVDiagnoseTool>},
     {{"B7E20D_LIVE_SUPPORT_SOURCE_CHANGE_TOOL", "SourceChangeTool", 3, 0, 1000,
       kExecuteDescription},
-     kPending},
-    {{"B7E20D_LIVE_SUPPORT_OTA_TOOL", "NorvikOTATool", 3, 0, 10000, kExecuteDescription}, kPending},
+     &Make<CommandSourceChangeTool>},
+    {{"B7E20D_LIVE_SUPPORT_OTA_TOOL", "NorvikOTATool", 3, 0, 10000, kExecuteDescription},
+     &Make<CommandNorvikOTATool>},
     {{"B7E20D_LIVE_SUPPORT_PQ_AQ_RESTORE", "PQAQRestoreTool", 3, 0, 1000, kExecuteDescription},
-     kPending},
+     &Make<CommandPQAQRestoreTool>},
     {{"B7E20D_LIVE_SUPPORT_PQ_AQ_RESET", "PQAQResetTool", 3, 0, 1000, kExecuteDescription},
-     kPending},
+     &Make<CommandPQAQResetTool>},
 };
 
 }  // namespace
