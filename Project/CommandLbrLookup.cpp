@@ -1,8 +1,6 @@
 #include "Project/CommandLbrLookup.h"
 
-#include "Base/CoreManager.h"
 #include "Base/SupportViewManager.h"
-#include "Platform/LockMutex.h"
 #include "Project/NorvikInterfaces.h"
 
 namespace Lum {
@@ -16,11 +14,6 @@ const CommandForm& Form() {
       {{"LBR_LOOKUP", "JSON",
         "LBR_DOMAIN (the look-up domain the back end gave; empty when none), REGION, COUNTRY"}});
   return form;
-}
-
-std::string LookupDomain() {
-  Core::LockMutex lock(&Core::CoreManager::Instance()->getMutex());
-  return SupportViewManager::Instance()->getSvLbrAwsDomain();
 }
 
 }  // namespace
@@ -38,7 +31,7 @@ int CommandLbrLookup::executeHandler(const LumJson::Value& inputs, LumJson::Valu
 }
 
 int CommandLbrLookup::run(const LumJson::Value& /*inputs*/, LumJson::Value& data) {
-  data["LBR_DOMAIN"] = LookupDomain();
+  data["LBR_DOMAIN"] = SupportViewManager::Instance()->getSvLbrAwsDomain();
   data["REGION"] = NkGetRegion();
   data["COUNTRY"] = NkGetSystemCountry();
   return kCommandSuccess;
