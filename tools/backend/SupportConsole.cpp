@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <exception>
@@ -20,6 +21,10 @@ namespace Tools {
 namespace {
 
 constexpr const char* kDefaultOperation = "EXECUTE";
+
+// One setting for the whole process: the back end's own printing of answers
+// goes through the static FormatAnswer as well.
+std::atomic<bool> g_compactAnswers{false};
 
 std::string Trim(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t\r\n");
@@ -53,7 +58,7 @@ bool IsOperationName(const std::string& word) {
 
 std::string Pretty(const LumJson::Value& value) {
   LumJson::StreamWriterBuilder writer;
-  writer["indentation"] = "  ";
+  writer["indentation"] = g_compactAnswers.load() ? "" : "  ";
   return LumJson::writeString(writer, value);
 }
 
@@ -72,6 +77,8 @@ const char* SupportConsole::HelpText() {
          "                                    EXECUTE, INPUTS to {}\n"
          "  answers                           the task answers received so far\n"
          "  end <CN>                          end the device's session from the back end\n"
+         "  compact on|off                    task answers on one line each (a script's\n"
+         "                                    grep), or indented (the default)\n"
          "  help                              this text\n";
 }
 
@@ -195,6 +202,10 @@ void SupportConsole::execute(const std::string& line) {
     listAnswers();
   } else if (command == "end") {
     endSession(arguments);
+  } else if (command == "compact" && (arguments == "on" || arguments == "off")) {
+    g_compactAnswers = arguments == "on";
+    print(std::string("task answers are printed ") +
+          (arguments == "on" ? "on one line each\n" : "indented\n"));
   } else if (command == "help") {
     print(HelpText());
   } else {

@@ -5,6 +5,7 @@
  *            [--test-mode] [--factory-reset] [--log-through] [--run-seconds N]
  *            [--items FILE|-] [--items-delay-ms N] [--exit-after-ms N [--no-term]]
  *            [--open-session] [--close-session-after-ms N]
+ *            [--tv-dir DIR | --no-tv]
  *
  * It starts the agent with the three JSON texts, prints one line for every
  * status change (followed on a thread of its own with LumGetStatus method 1),
@@ -22,7 +23,13 @@
  * support agent and while one is joined. --close-session-after-ms ends the
  * session N ms after the start. A session still held at the stop is
  * suspended and resumed by the next start when the configuration says so.
- * Written against the public header only.
+ * Before LumInit it registers the simulated television's callbacks (its
+ * readable files under --tv-dir, by default a directory of this user under
+ * $TMPDIR or /tmp), so support commands act on settings that really change;
+ * whenever its state changes it prints a "[tv] picture=... keys=..." line.
+ * --no-tv registers nothing, leaving the agent's test values.
+ * Written against the public header only, and the simulated television's C
+ * header.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -34,6 +41,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
+
+#include "simulated_tv.h"
 
 typedef struct Options {
   const char* identityFile;
@@ -49,21 +59,29 @@ typedef struct Options {
   int noTerm;
   int openSession;
   long closeSessionAfterMs;
+  const char* tvDir;
+  int noTv;
 } Options;
 
 /* How long the items wait for the back end's allowed identifiers at most;
    after that they are submitted anyway and the results show the refusals. */
 #define ALLOWED_IDS_WAIT_MS 30000L
 #define ALLOWED_IDS_POLL_MS 100L
+/* How often the television's state is compared with the last line printed:
+   often enough that a support agent's change shows at once. */
+#define TV_POLL_MS 200L
 
 static int gLogThrough = 0;
 
 /* Host lines go to standard output and, on request, through the agent's
    supervisor log so both end up in one place. */
 static void hostLine(const char* format, const char* text) {
+  /* The status thread prints too; a line must not be split by another. */
+  flockfile(stdout);
   printf(format, text);
   putchar('\n');
   fflush(stdout);
+  funlockfile(stdout);
   if (gLogThrough) {
     LumLogMessage(2, format, text);
   }
@@ -103,6 +121,19 @@ static char* readWholeFile(const char* path) {
   return text;
 }
 
+static char gTvLine[512];
+
+/* Prints the simulated television's state when it differs from the last
+   line printed. Only the main thread calls it. */
+static void reportTvChange(const Options* options) {
+  char line[sizeof gTvLine];
+  if (options->noTv || lum_sim_tv_describe(line, sizeof line) < 0 || strcmp(line, gTvLine) == 0) {
+    return;
+  }
+  memcpy(gTvLine, line, sizeof gTvLine);
+  hostLine("[tv] %s", line);
+}
+
 static const char* orEmpty(const char* text) {
   return text != NULL ? text : "";
 }
@@ -113,10 +144,10 @@ static void printStatus(const LumStatus* status) {
            "status: state=%u testMode=%u session=%u code=%s deviceId=%s opid=%s cloud=%s sw=%s "
            "allowed=[%s] consent=%s update=%u source=%u",
            status->deviceAgentState, status->testMode, status->sessionState,
-           orEmpty(status->sessionCode),
-           orEmpty(status->deviceId), orEmpty(status->certOpid), orEmpty(status->certInstance),
-           orEmpty(status->swVersion), orEmpty(status->allowedDataItemIds),
-           orEmpty(status->consentUrl), status->updateState, status->updateSource);
+           orEmpty(status->sessionCode), orEmpty(status->deviceId), orEmpty(status->certOpid),
+           orEmpty(status->certInstance), orEmpty(status->swVersion),
+           orEmpty(status->allowedDataItemIds), orEmpty(status->consentUrl), status->updateState,
+           status->updateSource);
   hostLine("%s", line);
 }
 
@@ -178,6 +209,10 @@ static int parseOptions(int argc, char** argv, Options* options) {
       options->exitAfterMs = strtol(argv[++i], NULL, 10);
     } else if (strcmp(arg, "--close-session-after-ms") == 0 && next) {
       options->closeSessionAfterMs = strtol(argv[++i], NULL, 10);
+    } else if (strcmp(arg, "--tv-dir") == 0 && next) {
+      options->tvDir = argv[++i];
+    } else if (strcmp(arg, "--no-tv") == 0) {
+      options->noTv = 1;
     } else if (strcmp(arg, "--open-session") == 0) {
       options->openSession = 1;
     } else if (strcmp(arg, "--no-term") == 0) {
@@ -201,20 +236,29 @@ static long long nowMs(void) {
   return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
+static const Options* gOptions;
+
 /* Sleeps up to `ms` milliseconds; returns 1 when SIGINT/SIGTERM arrived
-   meanwhile (the signal is consumed). */
+   meanwhile (the signal is consumed). Every wait of the main thread passes
+   here, so this is where the television's state changes are noticed. */
 static int stopSignalWithin(const sigset_t* signals, long long ms) {
-  struct timespec timeout;
-  if (ms <= 0) {
-    ms = 0;
-  }
-  timeout.tv_sec = (time_t)(ms / 1000);
-  timeout.tv_nsec = (long)(ms % 1000) * 1000000L;
+  long long endMs = nowMs() + (ms > 0 ? ms : 0);
   for (;;) {
+    struct timespec timeout;
+    long long slice = endMs - nowMs();
+    reportTvChange(gOptions);
+    if (slice <= 0) {
+      return 0;
+    }
+    if (slice > TV_POLL_MS) {
+      slice = TV_POLL_MS;
+    }
+    timeout.tv_sec = (time_t)(slice / 1000);
+    timeout.tv_nsec = (long)(slice % 1000) * 1000000L;
     if (sigtimedwait(signals, NULL, &timeout) >= 0) {
       return 1;
     }
-    if (errno != EINTR) {
+    if (errno != EINTR && errno != EAGAIN) {
       return 0;
     }
   }
@@ -225,8 +269,8 @@ static void waitForStop(const sigset_t* signals, long long deadlineMs) {
   if (deadlineMs > 0) {
     stopSignalWithin(signals, deadlineMs - nowMs());
   } else {
-    int signal = 0;
-    sigwait(signals, &signal);
+    while (!stopSignalWithin(signals, TV_POLL_MS)) {
+    }
   }
 }
 
@@ -326,7 +370,7 @@ int main(int argc, char** argv) {
             "usage: lum-host --identity FILE --config FILE --device FILE [--test-mode] "
             "[--factory-reset] [--log-through] [--run-seconds N] [--items FILE|-] "
             "[--items-delay-ms N] [--exit-after-ms N [--no-term]] [--open-session] "
-            "[--close-session-after-ms N]\n");
+            "[--close-session-after-ms N] [--tv-dir DIR | --no-tv]\n");
     return 2;
   }
   identity = readWholeFile(options.identityFile);
@@ -358,6 +402,21 @@ int main(int argc, char** argv) {
   if (options.exitAfterMs > 0) {
     deadlineMs = nowMs() + options.exitAfterMs;
   }
+  gOptions = &options;
+  if (!options.noTv) {
+    char defaultDir[256];
+    const char* tvDir = options.tvDir;
+    if (tvDir == NULL) {
+      const char* tmp = getenv("TMPDIR");
+      snprintf(defaultDir, sizeof defaultDir, "%s/lum-host-tv-%lu",
+               tmp != NULL && tmp[0] != '\0' ? tmp : "/tmp", (unsigned long)getuid());
+      tvDir = defaultDir;
+    }
+    /* Registered before LumInit: the agent reads device facts at the start. */
+    if (lum_sim_tv_install(tvDir) != 0) {
+      fprintf(stderr, "lum-host: the television's files cannot be kept in %s\n", tvDir);
+    }
+  }
   result = LumInit(identity, config, device);
   free(identity);
   free(config);
@@ -368,6 +427,7 @@ int main(int argc, char** argv) {
   }
   gLogThrough = options.logThrough;
   hostLine("host: %s", "agent started");
+  reportTvChange(&options);
   if (options.testMode) {
     result = LumEnableTestMode();
     hostLine("host: %s", result == LUM_RESULT_SUCCESS ? "test mode enabled" : "test mode refused");
