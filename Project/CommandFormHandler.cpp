@@ -23,7 +23,11 @@ int CommandFormHandler::executeHandler(const LumJson::Value& inputs, LumJson::Va
   }
   LumJson::Value data(LumJson::objectValue);
   const int code = run(inputs, data);
-  answer(data, result);
+  // An input the form could not judge alone (a confirmation that is false)
+  // is refused like any other: without an answer.
+  if (code != kInvalidParameter) {
+    answer(data, result);
+  }
   return code;
 }
 

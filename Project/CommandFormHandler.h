@@ -19,7 +19,8 @@ class CommandFormHandler : public CommandHandler {
   int executeHandler(const LumJson::Value& inputs, LumJson::Value& result) override;
 
  protected:
-  // Does the work; `data` starts as an empty object. Returns the result code.
+  // Does the work; `data` starts as an empty object. Returns the result code;
+  // 3 (an input refused) answers no element.
   virtual int run(const LumJson::Value& inputs, LumJson::Value& data) = 0;
 
   // Wraps `data` as this command's output element.
