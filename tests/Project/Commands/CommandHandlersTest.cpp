@@ -147,9 +147,7 @@ const std::vector<Change>& Changes() {
          EXPECT_EQ(1, tv.factoryResets);
          EXPECT_EQ(TvState::Factory().volume, tv.volume);
        }},
-      {kReturn,
-       R"({"CONFIRM":true})",
-       [](TvState& tv) { tv.protectUserData = false; },
+      {kReturn, R"({"CONFIRM":true})", [](TvState& tv) { tv.protectUserData = false; },
        [](const TvState& tv, const LumJson::Value& data) {
          EXPECT_EQ(1, tv.aqpqResets);
          EXPECT_EQ(1, tv.factoryResets);
