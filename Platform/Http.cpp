@@ -618,6 +618,9 @@ void Http::Perform(Request& request, Response& response) {
   const bool cutOff =
       code == CURLE_WRITE_ERROR && response.stopAtMaxLength && response.bodyOverflow;
   if (performed && (code == CURLE_OK || cutOff)) {
+    if (cutOff) {
+      LUM_LOG(kCore, kWeb, kInfo, "Response body cut off at %u bytes", response.bodyMaxLength);
+    }
     ReadTransferInfo(request, response);
     // A cut-off connection still carries the unread rest: never reused.
     if (request.keepAlive && !cutOff) {
