@@ -371,6 +371,86 @@ unsigned SupportViewManager::executeCommand(const std::string& taskRequest,
   return LUM_RESULT_SUCCESS;
 }
 
+// ---------------------------------------------------------------- network tests
+
+int SupportViewManager::runNetworkDiagnosticsTest(bool& dnsLookupOk, bool& gatewayPingOk,
+                                                  bool& internetPingOk, bool& finishedInTime) {
+  LUM_TRACE(kSv);
+  dnsLookupOk = gatewayPingOk = internetPingOk = finishedInTime = false;
+  LockMutex testLock(&networkTestMutex_);
+  std::string hostname;
+  int budgetSeconds = 0;
+  {
+    LockMutex lock(&TheCore().getMutex());
+    if (!agentRunning()) {
+      return NetworkDiagnostics::NotRunning;
+    }
+    hostname = persistent_->getSvPingTestHostname();
+    budgetSeconds = static_cast<int>(persistent_->getSvNetworkDiagTimeoutMs() / 1000);
+  }
+  return NetworkDiagnostics::RunReachability(hostname, budgetSeconds, dnsLookupOk, gatewayPingOk,
+                                             internetPingOk, finishedInTime);
+}
+
+int SupportViewManager::runDownloadSpeedTest(SpeedTestResult& result) {
+  return runSpeedTest(SpeedDownload, result);
+}
+
+int SupportViewManager::runUploadSpeedTest(SpeedTestResult& result) {
+  return runSpeedTest(SpeedUpload, result);
+}
+
+int SupportViewManager::runLatencyTest(SpeedTestResult& result) {
+  return runSpeedTest(SpeedLatency, result);
+}
+
+int SupportViewManager::runSpeedTest(SpeedTest test, SpeedTestResult& result) {
+  LUM_TRACE(kSv);
+  result = SpeedTestResult();
+  LockMutex testLock(&networkTestMutex_);
+  NetworkDiagnostics::Transfer transfer;
+  if (!speedTestTransfer(test, transfer)) {
+    return NetworkDiagnostics::NotRunning;
+  }
+  switch (test) {
+    case SpeedDownload:
+      return NetworkDiagnostics::Download(transfer, result);
+    case SpeedUpload:
+      return NetworkDiagnostics::Upload(transfer, result);
+    case SpeedLatency:
+      break;
+  }
+  return NetworkDiagnostics::Latency(transfer, result);
+}
+
+bool SupportViewManager::speedTestTransfer(SpeedTest test, NetworkDiagnostics::Transfer& transfer) {
+  LockMutex lock(&TheCore().getMutex());
+  if (!agentRunning() || identity_ == nullptr) {
+    return false;
+  }
+  const Core::PersistentValues& p = *persistent_;
+  if (test == SpeedUpload) {
+    transfer.url = p.getSvSpeedTestUploadUrl();
+    transfer.size = p.getSvSpeedTestUploadSize();
+    transfer.timeMs = p.getSvSpeedTestUploadTimeMs();
+  } else {
+    transfer.url = p.getSvSpeedTestDownloadUrl();
+    transfer.size = p.getSvSpeedTestDownloadSize();
+    transfer.timeMs = p.getSvSpeedTestDownloadTimeMs();
+  }
+  transfer.connectTimeoutMs = p.getSvConnectTimeoutMs();
+  // The same credentials as every other call, copied: the identity may be
+  // gone by the time the transfer ends.
+  Core::Http::Request identity;
+  TheCore().setRequestIdentity(identity);
+  transfer.clientCertificate = identity.clientCertificate;
+  transfer.clientKey = identity.clientKey;
+  transfer.clientKeyPassword = identity.clientKeyPassword;
+  transfer.caCertificates = identity.caCertificates;
+  transfer.cancel = &TheCore().transfersCancelled();
+  return true;
+}
+
 std::string SupportViewManager::getSessionToken() {
   LockMutex lock(&TheCore().getMutex());
   return sessionToken_;

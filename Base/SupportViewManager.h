@@ -12,8 +12,11 @@
 
 #include "Base/ControlLoop.h"
 #include "Base/Manager.h"
+#include "Base/NetworkDiagnostics.h"
+#include "Base/SpeedTestResult.h"
 #include "Platform/Http.h"
 #include "Platform/LumJson.h"
+#include "Platform/Mutex.h"
 #include "Platform/Thread.h"
 #include "Platform/TimedSem.h"
 
@@ -94,6 +97,18 @@ class SupportViewManager : public Core::Manager {
   // mutex; 0 with the answer in `taskResponse`, 1 when the agent is not
   // running, 5 when the document is not JSON.
   unsigned executeCommand(const std::string& taskRequest, std::string& taskResponse);
+
+  // The network tests of the diagnostic commands. They take the core mutex
+  // only to read their settings, then run without it on the caller's (task)
+  // thread, one test at a time. The reachability test returns 0 when all
+  // three stages ran, 2 when its budget ran out first; the speed tests 0 on
+  // a 2xx answer, 3 without an https URL, 4 when the transfer failed; all
+  // return 1 while the agent is not running.
+  int runNetworkDiagnosticsTest(bool& dnsLookupOk, bool& gatewayPingOk, bool& internetPingOk,
+                                bool& finishedInTime);
+  int runDownloadSpeedTest(SpeedTestResult& result);
+  int runUploadSpeedTest(SpeedTestResult& result);
+  int runLatencyTest(SpeedTestResult& result);
 
   // Under the core mutex.
   std::string getSessionToken();
@@ -188,6 +203,12 @@ class SupportViewManager : public Core::Manager {
   static void* ExecuteTask(void* arg);
   void runTask(TaskRun& run);
 
+  enum SpeedTest { SpeedDownload, SpeedUpload, SpeedLatency };
+  // The transfer's settings, read under the core mutex; false while the agent
+  // is not running.
+  bool speedTestTransfer(SpeedTest test, NetworkDiagnostics::Transfer& transfer);
+  int runSpeedTest(SpeedTest test, SpeedTestResult& result);
+
   void prepMicroService(MicroService ms, Core::Http::Request& request);
   std::string buildRequestBody(MicroService ms);
   void postMicroService(MicroService ms, uint64_t session, const Core::Http::Response& response);
@@ -264,6 +285,10 @@ class SupportViewManager : public Core::Manager {
   // Set by the terminate thread when SessionControl's last call outlives the
   // grace time; read by that call's transfer without the mutex.
   std::atomic<bool> sessionCallsCancelled_{false};
+
+  // Serialises the network tests, so that none distorts another's
+  // measurement. Taken before the core mutex, never while holding it.
+  Core::Mutex networkTestMutex_;
 };
 
 }  // namespace Sv

@@ -25,6 +25,10 @@ timespec Clock::wall() const {
   return now;
 }
 
+int Clock::setWall(const timeval& value) const {
+  return settimeofday(&value, nullptr);
+}
+
 const Clock& Clock::Current() {
   return *gClock.load(std::memory_order_acquire);
 }

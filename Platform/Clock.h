@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/time.h>
+
 #include <ctime>
 
 namespace Lum {
@@ -14,6 +16,9 @@ class Clock {
   virtual ~Clock() = default;
   virtual timespec monotonic() const;
   virtual timespec wall() const;
+  // Sets the system's wall clock (settimeofday); 0 on success, -1 with errno
+  // otherwise. Tests override it so that they never move the machine's clock.
+  virtual int setWall(const timeval& value) const;
 
   // The clock in use; never null.
   static const Clock& Current();

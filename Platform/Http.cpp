@@ -231,6 +231,9 @@ size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
   }
   if (copied < total) {
     response->bodyOverflow = true;
+    if (response->stopAtMaxLength) {
+      return copied;  // libcurl ends the transfer with a write error
+    }
   }
   // The full count keeps libcurl going: an oversized body is truncated, not
   // turned into a transfer failure that would hide the real status.
@@ -612,9 +615,15 @@ void Http::Perform(Request& request, Response& response) {
   request.headers.clear();
   request.body.clear();
 
-  if (performed && code == CURLE_OK) {
+  const bool cutOff =
+      code == CURLE_WRITE_ERROR && response.stopAtMaxLength && response.bodyOverflow;
+  if (performed && (code == CURLE_OK || cutOff)) {
+    if (cutOff) {
+      LUM_LOG(kCore, kWeb, kInfo, "Response body cut off at %u bytes", response.bodyMaxLength);
+    }
     ReadTransferInfo(request, response);
-    if (request.keepAlive) {
+    // A cut-off connection still carries the unread rest: never reused.
+    if (request.keepAlive && !cutOff) {
       // The options just used point at the form, header list and body freed
       // above, and a custom method would stick to the next call. Resetting
       // keeps the live connection but none of this call's settings.

@@ -74,6 +74,11 @@ class Http {
     uint32_t bodyMaxLength = 0;
     uint32_t bodyLength = 0;
     bool bodyOverflow = false;
+    // With `bodyBuffer`: end the transfer as soon as the body outgrows
+    // `bodyMaxLength` rather than drop the rest until the server is done, so
+    // that a server sending more than asked for costs no more time or
+    // traffic. The status of such a cut-off answer is still the server's.
+    bool stopAtMaxLength = false;
     bool uploadComplete = false;
     double uploadSpeed = 0;    // bytes per second
     double downloadSpeed = 0;  // bytes per second

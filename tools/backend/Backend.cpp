@@ -24,6 +24,11 @@ constexpr const char* kSupportPaths[] = {
     "sv/session/initialize", "sv/session/terminate", "sv/session/suspend",
     "sv/session/resume",     "sv/command/get",       "sv/command/put",
 };
+constexpr const char* kSpeedDownloadPath = "/api/v1/sv/speedtest/download";
+constexpr const char* kSpeedUploadPath = "/api/v1/sv/speedtest/upload";
+// The device's default download size; a request may ask for up to the cap.
+constexpr size_t kDefaultSpeedBytes = 102400;
+constexpr size_t kMaxSpeedBytes = 64u * 1024u * 1024u;
 constexpr size_t kMaxDnsLabel = 63;
 constexpr const char* kMethodPath = "/test/method";
 constexpr const char* kBytesPrefix = "/test/bytes/";
@@ -125,6 +130,40 @@ int StatusOf(UploadLedger::Verdict verdict) {
   return 400;
 }
 
+// GET "sv/speedtest/download?size=N": N bytes (default 102400, capped).
+void AnswerSpeedDownload(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "GET") {
+    reply.json(405, ErrorBody("GET only"));
+    return;
+  }
+  size_t size = kDefaultSpeedBytes;
+  const size_t query = request.target.find("?size=");
+  if (query != std::string::npos) {
+    const std::string count = request.target.substr(query + 6);
+    char* end = nullptr;
+    const unsigned long long n = std::strtoull(count.c_str(), &end, 10);
+    if (count.empty() || *end != '\0' || n > kMaxSpeedBytes) {
+      reply.json(400, ErrorBody("bad size"));
+      return;
+    }
+    size = static_cast<size_t>(n);
+  }
+  reply.status = 200;
+  reply.contentType = "application/octet-stream";
+  reply.body.assign(size, 'x');
+}
+
+// POST "sv/speedtest/upload": counts the body.
+void AnswerSpeedUpload(const RecordedRequest& request, Reply& reply) {
+  if (request.method != "POST") {
+    reply.json(405, ErrorBody("POST only"));
+    return;
+  }
+  LumJson::Value answer(LumJson::objectValue);
+  answer["bytes"] = static_cast<LumJson::UInt64>(request.body.size());
+  reply.json(200, JsonText::Compact(answer));
+}
+
 void AnswerMethod(const RecordedRequest& request, Reply& reply) {
   reply.status = 200;
   reply.contentType = "text/plain";
@@ -178,6 +217,8 @@ void Backend::installCoreRoutes() {
       handleSupport(name, request, reply);
     });
   }
+  addRoute(kSpeedDownloadPath, AnswerSpeedDownload);
+  addRoute(kSpeedUploadPath, AnswerSpeedUpload);
   addRoute(kMethodPath, AnswerMethod);
   addPrefixRoute(kBytesPrefix, AnswerBytes);
 }
@@ -533,7 +574,7 @@ void Backend::handleGidToken(const RecordedRequest& request, Reply& reply) {
   reply.json(200, JsonText::Compact(answer));
 }
 
-LumJson::Value Backend::stateAnswer(DeviceRecord& device) {
+LumJson::Value Backend::stateAnswer(const std::string& commonName, DeviceRecord& device) {
   bool newConfig = device.deliveredConfig < configVersion_;
   bool newEvents = device.deliveredEvents < events_.size();
   // The device reads events only when a sequence number moved.
@@ -565,6 +606,10 @@ LumJson::Value Backend::stateAnswer(DeviceRecord& device) {
     }
     answer["daEvents"] = events;
   }
+  // The speed tests run against this back end unless a test pushes others.
+  const std::string speedBase = "https://" + SupportSessions::HostFor(commonName);
+  answer["svSpeedTestDownloadUrl"] = speedBase + kSpeedDownloadPath;
+  answer["svSpeedTestUploadUrl"] = speedBase + kSpeedUploadPath;
   // Pushed members come last so that a test can override any of the above.
   for (const auto& name : pushedTunables_.getMemberNames()) {
     answer[name] = pushedTunables_[name];
@@ -593,7 +638,7 @@ void Backend::handleState(const RecordedRequest& request, Reply& reply) {
   }
   ++device->stateCalls;
   device->reportedState = body;
-  reply.json(200, JsonText::Compact(stateAnswer(*device)));
+  reply.json(200, JsonText::Compact(stateAnswer(request.clientCommonName, *device)));
 }
 
 void Backend::handleNotification(const RecordedRequest& request, Reply& reply) {

@@ -83,7 +83,8 @@ struct DeviceView {
 //   POST /api/v1/da/state         422 unless "Authorization" holds the device's
 //                                 token; stores the body, answers "daSynchronized",
 //                                 sequence numbers, pushed tunables, allowed ids,
-//                                 consent URL and undelivered "daEvents"
+//                                 consent URL, undelivered "daEvents" and the
+//                                 speed-test URLs below (unless pushed)
 //   POST /api/v1/da/notification  422 as above; "daStateSynchronized" false while
 //                                 something pushed is undelivered
 //   POST /api/v1/ds/uploadtoken   host "OPID-ds.INSTANCE" (else 421); 422 as above;
@@ -121,6 +122,10 @@ struct DeviceView {
 //                                 422 unless the session is active, 400 for a
 //                                 body that is not JSON or a taskResponse that is
 //                                 not a text
+//   GET  /api/v1/sv/speedtest/download[?size=N]
+//                                 N bytes (default 102400, at most 64 MiB)
+//   POST /api/v1/sv/speedtest/upload
+//                                 reads the body, answers {"bytes": its size}
 //   any  /test/method             answers the method text exactly as received
 //   any  /test/bytes/N            answers N bytes ("application/octet-stream")
 //   anything else                 404
@@ -264,7 +269,7 @@ class Backend {
   DeviceRecord& deviceFor(const std::string& commonName);
   bool authorized(const RecordedRequest& request, DeviceRecord** device);
   bool deliveryPending(const DeviceRecord& device) const;
-  LumJson::Value stateAnswer(DeviceRecord& device);
+  LumJson::Value stateAnswer(const std::string& commonName, DeviceRecord& device);
 
   TlsSettings tlsSettings() const;
   std::string ocspDer() const;
