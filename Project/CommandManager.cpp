@@ -18,6 +18,7 @@
 #include "Project/CommandGetDeviceInfo.h"
 #include "Project/CommandHDMIDiagnostic.h"
 #include "Project/CommandLbrLookup.h"
+#include "Project/CommandNetworkDiagnostic.h"
 #include "Project/CommandNorvikOTATool.h"
 #include "Project/CommandPQAQResetTool.h"
 #include "Project/CommandPQAQRestoreTool.h"
@@ -26,9 +27,11 @@
 #include "Project/CommandProductReturnPreprocess.h"
 #include "Project/CommandRemoteButton.h"
 #include "Project/CommandResetFactoryDefaults.h"
+#include "Project/CommandSetDateTime.h"
 #include "Project/CommandSoundDiagnoseTool.h"
 #include "Project/CommandSoundDiagnostic.h"
 #include "Project/CommandSourceChangeTool.h"
+#include "Project/CommandSystemInfo.h"
 #include "Project/CommandTVDiagnostic.h"
 
 LUM_SOURCE_FILE("Project/CommandManager");
@@ -96,7 +99,8 @@ const Registration kRegistrations[] = {
      kPending},
     {{"FFFFFF_LIVE_SUPPORT_TV_REMOTE_BUTTON", "RemoteButton", 1, 0, 500, kExecuteDescription},
      &Make<CommandRemoteButton>},
-    {{"FFFFFF_LIVE_SUPPORT_SET_DATE_TIME", "SetDateTime", 1, 0, 250, kExecute}, kPending},
+    {{"FFFFFF_LIVE_SUPPORT_SET_DATE_TIME", "SetDateTime", 1, 0, 250, kExecute},
+     &Make<CommandSetDateTime>},
     {{"FFFFFF_LIVE_SUPPORT_TRAINING_REMOTE_LOCATION", "TrainingRemoteLocation", 1, 1, 250,
       kExecuteGetDescription},
      kPending},
@@ -105,7 +109,7 @@ const Registration kRegistrations[] = {
      kPending},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_SYSTEM_INFO_DIAGNOSTIC", "SystemInfo", 2, 0, 2000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandSystemInfo>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_PICTURE_DIAGNOSTIC", "PictureDiagnostic", 2, 0, 2000,
       kExecuteDescription},
      &Make<CommandPictureDiagnostic>},
@@ -119,7 +123,7 @@ const Registration kRegistrations[] = {
      &Make<CommandTVDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_NETWORK_DIAGNOSTIC", "NetworkDiagnostic", 2, 0, 30000,
       kExecuteDescription},
-     kPending},
+     &Make<CommandNetworkDiagnostic>},
     {{"B7E20D_LIVE_SUPPORT_NORVIK_BT_DIAGNOSTIC", "BTDiagnostic", 2, 0, 2000, kExecuteDescription},
      &Make<CommandBTDiagnostic>},
     {{"FFFFFF_LIVE_SUPPORT_RESET_FACTORY_DEFAULTS", "ResetFactoryDefaults", 3, 0, 1000,

@@ -4,11 +4,14 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "Base/CommandExecutor.h"
+#include "Platform/Clock.h"
 #include "Platform/JsonUtil.h"
+#include "Platform/System.h"
 #include "Project/CommandManager.h"
 #include "SimulatedTv.h"
 #include "lum_platform.h"
@@ -43,9 +46,20 @@ std::string Fingerprint(const TvState& s) {
          " inspections=" + std::to_string(s.pictureInspections + s.soundInspections);
 }
 
+// The clock the agent would set, so that no test sets the machine's.
+class RecordingClock : public Lum::Core::Clock {
+ public:
+  int setWall(const timeval& value) const override {
+    set_ = value.tv_sec;
+    return 0;
+  }
+  mutable time_t set_ = 0;
+};
+
 class CommandHandlersTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    Lum::Core::Clock::Set(&clock_);
     SimulatedTv::Instance().reset();
     ASSERT_TRUE(SimulatedTv::Instance().setFileDirectory(dir_.file("tv")));
     SimulatedTv::Instance().install();
@@ -56,6 +70,7 @@ class CommandHandlersTest : public ::testing::Test {
     Lum::Sv::CommandManager::Instance()->terminate();
     SimulatedTv::Instance().uninstall();
     SimulatedTv::Instance().setFileDirectory("");
+    Lum::Core::Clock::Set(nullptr);
   }
 
   // The response element of one request.
@@ -75,6 +90,7 @@ class CommandHandlersTest : public ::testing::Test {
   }
 
   LumTest::TempDir dir_;
+  RecordingClock clock_;
 };
 
 constexpr char kPictureTool[] = "B7E20D_LIVE_SUPPORT_PICTURE_DIAGNOSE_TOOL";
@@ -88,6 +104,8 @@ constexpr char kOta[] = "B7E20D_LIVE_SUPPORT_OTA_TOOL";
 constexpr char kRestore[] = "B7E20D_LIVE_SUPPORT_PQ_AQ_RESTORE";
 constexpr char kReset[] = "B7E20D_LIVE_SUPPORT_PQ_AQ_RESET";
 constexpr char kConfig[] = "FFFFFF_LIVE_SUPPORT_GET_DEVICE_CONFIG";
+constexpr char kDate[] = "FFFFFF_LIVE_SUPPORT_SET_DATE_TIME";
+constexpr char kNetwork[] = "B7E20D_LIVE_SUPPORT_NORVIK_NETWORK_DIAGNOSTIC";
 
 // Every command that changes the television, with what it must have done.
 struct Change {
@@ -232,6 +250,7 @@ TEST_F(CommandHandlersTest, BadInputsAnswer3AndChangeNothing) {
       "B7E20D_LIVE_SUPPORT_NORVIK_HDMI_DIAGNOSTIC",
       "B7E20D_LIVE_SUPPORT_NORVIK_TV_DIAGNOSTIC",
       "B7E20D_LIVE_SUPPORT_NORVIK_BT_DIAGNOSTIC",
+      "B7E20D_LIVE_SUPPORT_NORVIK_SYSTEM_INFO_DIAGNOSTIC",
       kOta,
       kRestore,
       kReset,
@@ -269,6 +288,12 @@ TEST_F(CommandHandlersTest, BadInputsAnswer3AndChangeNothing) {
       {kConfig, "EXECUTE", R"({"FILE":"../tv.cfg"})"},
       {kConfig, "EXECUTE", R"({"FILE":"/etc/passwd"})"},
       {kConfig, "EXECUTE", R"({"FILE":"tv.cfg","INDEX":-1})"},
+      {kDate, "EXECUTE", "{}"},
+      {kDate, "EXECUTE", R"({"DATE_TIME":"2024-05-01 12:00:00"})"},
+      {kDate, "EXECUTE", R"({"DATE_TIME":"2024-05-01T12:00"})"},
+      {kDate, "EXECUTE", R"({"DATE_TIME":1714564800})"},
+      {kNetwork, "EXECUTE", R"({"TESTS":"no"})"},
+      {kNetwork, "EXECUTE", R"({"PING":"127.0.0.1"})"},
   };
   for (const char* name : noInputs) {
     bad.push_back({name, "EXECUTE", R"({"EXTRA":1})"});
@@ -338,7 +363,7 @@ TEST_F(CommandHandlersTest, DescriptionsDescribeWhatExecuteAccepts) {
     EXPECT_NE(std::string::npos, outputIds.find(response["OUTPUTS"][0]["ID"].asString() + " "))
         << outputIds << response;
   }
-  EXPECT_EQ(15, described);
+  EXPECT_EQ(16, described);
 }
 
 // The configuration files come from wherever the platform says; what is
@@ -370,6 +395,48 @@ TEST_F(CommandHandlersTest, ConfigurationFilesAreReadBoundedAndNeverFollowed) {
     EXPECT_NE(std::string::npos, Compact(response["OUTPUTS"][0]["DATA"]).find(c.expected))
         << response;
   }
+}
+
+// Nothing a back end sends reaches a shell: every text input of every
+// command, and any other member, carrying shell syntax that would leave a
+// mark if a shell ever saw it.
+TEST_F(CommandHandlersTest, NoTextFromTheBackEndReachesAShell) {
+  const std::string marker = dir_.file("ran");
+  const std::vector<std::string> payloads = {
+      "$(touch " + marker + ")",    "`touch " + marker + "`",    "; touch " + marker,
+      "| touch " + marker,          "&& touch " + marker + " #", "\ntouch " + marker,
+      "'; touch " + marker + "; '", "127.0.0.1; touch " + marker};
+  std::set<std::string> textInputs = {"DATE_TIME", "FILE", "X"};
+  LumJson::Value list;
+  list["REQUESTS"][0]["COMMAND"]["NAME"] = "FFFFFF_LIVE_SUPPORT_GET_AVAILABLE_COMMANDS";
+  list["REQUESTS"][0]["INPUTS"] = LumJson::Value(LumJson::objectValue);
+  LumJson::Value output;
+  Lum::Sv::CommandExecutor::processCommands(list, output);
+  std::vector<std::string> names;
+  for (const LumJson::Value& command : output["RESPONSES"][0]["OUTPUTS"][0]["DATA"]) {
+    names.push_back(command["ID"].asString());
+    for (const LumJson::Value& input : command["INPUTS"]) {
+      if (input["TYPE"] == "STRING") {
+        textInputs.insert(input["ID"].asString());
+      }
+    }
+  }
+  ASSERT_EQ(30u, names.size());
+  ASSERT_GE(textInputs.size(), 16u);
+  const uint64_t shellRuns = Lum::Sv::System::ShellRuns();
+  for (const std::string& name : names) {
+    for (const char* operation : {"EXECUTE", "GET"}) {
+      for (const std::string& input : textInputs) {
+        for (const std::string& payload : payloads) {
+          LumJson::Value inputs;
+          inputs[input] = payload;
+          Run(name, operation, inputs);
+        }
+      }
+    }
+  }
+  EXPECT_EQ(shellRuns, Lum::Sv::System::ShellRuns());
+  EXPECT_NE(0, access(marker.c_str(), F_OK));
 }
 
 }  // namespace
