@@ -1,18 +1,14 @@
 #pragma once
 
-#include "Project/CommandFormHandler.h"
+#include "Project/CommandPQAQTool.h"
 
 namespace Lum {
 namespace Sv {
 
-// B7E20D_LIVE_SUPPORT_PQ_AQ_RESET: resets the picture and sound settings to their factory values,
-// and shows them afterwards.
-class CommandPQAQResetTool : public CommandFormHandler {
+// B7E20D_LIVE_SUPPORT_PQ_AQ_RESET: resets the picture and sound settings to their factory values.
+class CommandPQAQResetTool : public CommandPQAQTool {
  public:
   explicit CommandPQAQResetTool(const CommandBase& descriptor);
-
- protected:
-  int run(const LumJson::Value& inputs, LumJson::Value& data) override;
 };
 
 }  // namespace Sv

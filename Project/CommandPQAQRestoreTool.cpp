@@ -1,7 +1,5 @@
 #include "Project/CommandPQAQRestoreTool.h"
 
-#include "Project/CommandPictureDiagnoseTool.h"
-#include "Project/CommandSoundDiagnoseTool.h"
 #include "Project/NorvikInterfaces.h"
 
 namespace Lum {
@@ -9,29 +7,18 @@ namespace Sv {
 
 namespace {
 
+constexpr char kOutputId[] = "PQ_AQ_RESTORE";
+
 const CommandForm& Form() {
-  static const CommandForm form(
-      "Restores the picture and sound settings the user saved last", {},
-      {{"PQ_AQ_RESTORE", "JSON",
-        "ACTION, TV_RESULT (0: done), PICTURE_SETTINGS and SOUND_SETTINGS as they are "
-        "afterwards"}});
+  static const CommandForm form = CommandPQAQTool::MakeForm(
+      "Restores the picture and sound settings the user saved last", kOutputId);
   return form;
 }
 
 }  // namespace
 
 CommandPQAQRestoreTool::CommandPQAQRestoreTool(const CommandBase& descriptor)
-    : CommandFormHandler(descriptor, Form(), "PQ_AQ_RESTORE") {}
-
-int CommandPQAQRestoreTool::run(const LumJson::Value& /*inputs*/, LumJson::Value& data) {
-  // 0 asks for picture and sound together, the only scope offered.
-  const int answer = NkRestoreAQPQ(0);
-  data["ACTION"] = "PQ_AQ_RESTORE";
-  data["TV_RESULT"] = answer;
-  data["PICTURE_SETTINGS"] = CommandSettingsTool::ReadAll(CommandPictureDiagnoseTool::Settings());
-  data["SOUND_SETTINGS"] = CommandSettingsTool::ReadAll(CommandSoundDiagnoseTool::Settings());
-  return answer == 0 ? kCommandSuccess : kCommandFailed;
-}
+    : CommandPQAQTool(descriptor, Form(), kOutputId, &NkRestoreAQPQ) {}
 
 }  // namespace Sv
 }  // namespace Lum

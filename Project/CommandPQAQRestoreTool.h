@@ -1,18 +1,14 @@
 #pragma once
 
-#include "Project/CommandFormHandler.h"
+#include "Project/CommandPQAQTool.h"
 
 namespace Lum {
 namespace Sv {
 
-// B7E20D_LIVE_SUPPORT_PQ_AQ_RESTORE: restores the picture and sound settings the user last saved,
-// and shows them afterwards.
-class CommandPQAQRestoreTool : public CommandFormHandler {
+// B7E20D_LIVE_SUPPORT_PQ_AQ_RESTORE: restores the picture and sound settings the user saved last.
+class CommandPQAQRestoreTool : public CommandPQAQTool {
  public:
   explicit CommandPQAQRestoreTool(const CommandBase& descriptor);
-
- protected:
-  int run(const LumJson::Value& inputs, LumJson::Value& data) override;
 };
 
 }  // namespace Sv
