@@ -520,5 +520,54 @@ bool FileUtil::Drop(const std::string& directory, const std::string& name) {
   return clean;
 }
 
+bool FileUtil::Replace(const std::string& directory, const std::string& name,
+                       const std::string& tempName, const std::string& content) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name) || !IsValidName(tempName) || name == tempName) {
+    LogInvalidName(name + "/" + tempName);
+    return false;
+  }
+  LockMutex lock(&GetMutex());
+  FileOperations& ops = Operations();
+  const Paths paths = MakePaths(directory, name);
+  const Paths temp = MakePaths(directory, tempName);
+  if (!WriteDurably(ops, temp.current, content)) {
+    return false;
+  }
+  if (!Rename(ops, temp.current, paths.current)) {
+    ops.unlink(temp.current.c_str());
+    return false;
+  }
+  return SyncDirectory(ops, paths.directory);
+}
+
+bool FileUtil::ReadAll(const std::string& directory, const std::string& name, size_t maxBytes,
+                       std::string& content) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name)) {
+    LogInvalidName(name);
+    return false;
+  }
+  LockMutex lock(&GetMutex());
+  return ReadWhole(Operations(), MakePaths(directory, name).current, maxBytes, &content) ==
+         ReadStatus::kOk;
+}
+
+bool FileUtil::Remove(const std::string& directory, const std::string& name) {
+  LUM_TRACE(FP::SERVICE_CORE);
+  if (!IsValidName(name)) {
+    LogInvalidName(name);
+    return false;
+  }
+  LockMutex lock(&GetMutex());
+  FileOperations& ops = Operations();
+  const Paths paths = MakePaths(directory, name);
+  bool removed = false;
+  if (!RemoveIfPresent(ops, paths.current, &removed)) {
+    return false;
+  }
+  return !removed || SyncDirectory(ops, paths.directory);
+}
+
 }  // namespace Core
 }  // namespace Lum

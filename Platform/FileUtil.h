@@ -86,6 +86,20 @@ class FileUtil {
   // Removes every version and the sidecar; true when nothing of name is left.
   static bool Drop(const std::string& directory, const std::string& name);
 
+  // Opaque files replaced whole (downloaded objects), without the sidecar
+  // and the previous version: `content` goes to `tempName` in the same
+  // directory, is synced, renamed over `name` and the rename synced, so that
+  // `name` is at every instant either the old or the new content. False
+  // leaves `name` as it was and no `tempName` behind.
+  static bool Replace(const std::string& directory, const std::string& name,
+                      const std::string& tempName, const std::string& content);
+  // The bytes of `name` as they are, at most `maxBytes`; false when it is
+  // absent, unreadable or larger.
+  static bool ReadAll(const std::string& directory, const std::string& name, size_t maxBytes,
+                      std::string& content);
+  // Deletes the one file `name`; true when it is gone (or was never there).
+  static bool Remove(const std::string& directory, const std::string& name);
+
   // Routes every system call through `operations` (not owned; it must outlive
   // its use); nullptr restores the plain POSIX calls. For fault injection.
   static void SetOperations(FileOperations* operations);
