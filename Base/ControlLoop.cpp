@@ -130,6 +130,7 @@ void ControlLoop::call(const ControlTexts& texts, int service, Mutex& mutex, Con
   }
   Http::Response response;
   cycle.prepMicroService(*request);
+  cycle.prepResponse(response);
   request->cancel = cycle.cancelFlag(cancel);
   {
     UnlockMutex unlocked(mutex);

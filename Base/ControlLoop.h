@@ -50,6 +50,9 @@ class ControlCycle {
   virtual std::string nextCallName() = 0;
   virtual void prepMicroService(Http::Request& request) = 0;
   virtual void postMicroService(Http::Response& response) = 0;
+  // Where the answer's body goes and how much of it is taken (a buffer and
+  // its limit); by default all of it into `body`.
+  virtual void prepResponse(Http::Response& /*response*/) {}
   // Told when the thread starts and ends a wait, so that the owner resets
   // the semaphore only for a thread that is actually asleep on it, and
   // learns whether the wait ran its course or was cut short.

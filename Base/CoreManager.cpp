@@ -10,6 +10,7 @@
 #include "Base/CoreConfig.h"
 #include "Base/DataServicesManager.h"
 #include "Base/DeviceValues.h"
+#include "Base/DrmpManager.h"
 #include "Base/EventManager.h"
 #include "Base/Injector.h"
 #include "Base/PersistentValues.h"
@@ -77,6 +78,7 @@ void CoreManager::registerManagers() {
     managers_.push_back(EventManager::Instance());
     managers_.push_back(Sv::SupportViewManager::Instance());
     managers_.push_back(Ds::DataServicesManager::Instance());
+    managers_.push_back(Drmp::DrmpManager::Instance());
   }
 }
 

@@ -217,6 +217,14 @@ void Backend::installCoreRoutes() {
       handleSupport(name, request, reply);
     });
   }
+  drmp_.reset(new DrmpService(pki_, [this](const RecordedRequest& request) {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    DeviceRecord* device = nullptr;
+    return authorized(request, &device);
+  }));
+  addPrefixRoute("/api/v1/drmp/", [this](const RecordedRequest& request, Reply& reply) {
+    drmp_->handle(request, reply);
+  });
   addRoute(kSpeedDownloadPath, AnswerSpeedDownload);
   addRoute(kSpeedUploadPath, AnswerSpeedUpload);
   addRoute(kMethodPath, AnswerMethod);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Platform/LumJson.h"
+#include "tools/backend/DrmpService.h"
 #include "tools/backend/HttpExchange.h"
 #include "tools/backend/SupportSessions.h"
 #include "tools/backend/TlsServer.h"
@@ -128,6 +129,7 @@ struct DeviceView {
 //                                 reads the body, answers {"bytes": its size}
 //   any  /test/method             answers the method text exactly as received
 //   any  /test/bytes/N            answers N bytes ("application/octet-stream")
+//   any  /api/v1/drmp/...        the DRMP paths, see DrmpService
 //   anything else                 404
 //
 // All public operations are thread-safe. stop() (also run by the destructor)
@@ -215,6 +217,10 @@ class Backend {
   // poll answers 204 and every later call with its token 422. False when it
   // had none.
   bool endSession(const std::string& commonName);
+
+  // DRMP: the objects every device should hold and the reports received
+  // (see DrmpService for the paths under "/api/v1/drmp/").
+  DrmpService& drmp() { return *drmp_; }
 
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
@@ -322,6 +328,7 @@ class Backend {
   // Support sessions, tasks and answers; likewise self-locking and never
   // called with stateMutex_ held, since a get waits inside it.
   SupportSessions sessions_;
+  std::unique_ptr<DrmpService> drmp_;  // self-locking, never called with stateMutex_ held
 };
 
 }  // namespace Tools
