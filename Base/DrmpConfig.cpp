@@ -32,6 +32,7 @@ DrmpConfig::DrmpConfig(const std::string& configText) {
     return;
   }
   using Core::JsonUtil;
+  enabled_ = JsonUtil::ReadBool(section, "enabled", true);
   checkIntervalMs_ =
       std::max(kMinDelayMs, JsonUtil::ReadUnsigned(section, "checkIntervalMs", checkIntervalMs_));
   retryDelayMs_ =
@@ -49,6 +50,8 @@ void DrmpConfig::logStateDebug() const {
   if (!Core::Logger::Instance().test(FP::SERVICE_DRMP, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
     return;
   }
+  LUM_LOG(FP::SERVICE_DRMP, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
+          "config->enabled                      : %s", enabled_ ? "true" : "false");
   LUM_LOG(FP::SERVICE_DRMP, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
           "config->checkIntervalMs              : %u", checkIntervalMs_);
   LUM_LOG(FP::SERVICE_DRMP, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,

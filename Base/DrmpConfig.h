@@ -6,7 +6,9 @@
 namespace Lum {
 namespace Drmp {
 
-// The "drmp" section of the configuration text: how often the device asks
+// The "drmp" section of the configuration text: whether the device takes
+// part at all (only with the section, unless it says "enabled": false), how
+// often the device asks
 // the back end for its object list, how long it waits after a failure, the
 // limits the objects must keep to and the time-outs of the calls.
 //
@@ -17,6 +19,7 @@ class DrmpConfig {
  public:
   explicit DrmpConfig(const std::string& configText);
 
+  bool getEnabled() const { return enabled_; }
   uint32_t getCheckIntervalMs() const { return checkIntervalMs_; }
   uint32_t getRetryDelayMs() const { return retryDelayMs_; }
   uint32_t getMaxRetries() const { return maxRetries_; }
@@ -29,6 +32,7 @@ class DrmpConfig {
   void logStateDebug() const;
 
  private:
+  bool enabled_ = false;
   uint32_t checkIntervalMs_ = 24u * 60u * 60u * 1000u;  // once a day
   uint32_t retryDelayMs_ = 5u * 60u * 1000u;
   uint32_t maxRetries_ = 5;

@@ -91,7 +91,7 @@ void DrmpManager::initialize(const Core::ManagerContext& context) {
   // Every start checks once the device is registered: the list may have
   // changed while the television was off.
   checkRequested_ = true;
-  phase_ = Idle;
+  resetRound();
   retries_ = 0;
   retryWanted_ = false;
   nextCheck_ = Core::Clock::MonotonicNow();
@@ -99,6 +99,12 @@ void DrmpManager::initialize(const Core::ManagerContext& context) {
   // must not cut this run's first wait short.
   sem_.clear();
   config_->logStateDebug();
+  if (!config_->getEnabled()) {
+    // A back end that does not serve DRMP would only answer 404 at every
+    // check; the integrator turns it on with the configuration's section.
+    LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DRMP not configured, no checks");
+    return;
+  }
   Core::ThreadUtil::Start(thread_, DrmpControl, this, "DrmpControl");
 }
 
@@ -119,8 +125,7 @@ void DrmpManager::terminateEnd() {
     store_->drop();
   }
   LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Performing DRMP cleanup");
-  phase_ = Idle;
-  toFetch_.clear();
+  resetRound();
   body_ = std::vector<uint8_t>();
   store_.reset();
   config_.reset();
@@ -136,7 +141,7 @@ unsigned DrmpManager::checkForDrmpUpdate() {
   if (state == Core::Terminating || state == Core::FactoryResetting) {
     return LUM_RESULT_TERMINATING;
   }
-  if (state != Core::Initialized || !config_) {
+  if (state != Core::Initialized || !config_ || !config_->getEnabled()) {
     return LUM_RESULT_NOT_INITIALIZED;
   }
   checkRequested_ = true;
@@ -489,6 +494,12 @@ void DrmpManager::endRound() {
     nextCheck_ = Core::AddMilliseconds(now, config_->getCheckIntervalMs());
   }
   retryWanted_ = false;
+  resetRound();
+}
+
+// A round cut short by a stop leaves its findings behind; the next start
+// begins from nothing.
+void DrmpManager::resetRound() {
   phase_ = Idle;
   toFetch_.clear();
   fetchIndex_ = 0;

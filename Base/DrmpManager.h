@@ -84,6 +84,7 @@ class DrmpManager : public Core::Manager, private Core::ControlCycle {
   void takeObject(const Core::Http::Response& response);
   void deleteUnlisted();
   void endRound();
+  void resetRound();
   void fail(const std::string& name, const std::string& reason);
   void handleFailure(const Core::Http::Response& response);
   std::string buildReport() const;
