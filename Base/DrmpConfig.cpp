@@ -41,7 +41,8 @@ DrmpConfig::DrmpConfig(const std::string& configText) {
   maxObjectBytes_ = std::min(kHardMaxObjectBytes,
                              JsonUtil::ReadUnsigned(section, "maxObjectBytes", maxObjectBytes_));
   maxTotalBytes_ = JsonUtil::ReadUnsigned(section, "maxTotalBytes", maxTotalBytes_);
-  maxObjects_ = std::min(kHardMaxObjects, JsonUtil::ReadUnsigned(section, "maxObjects", maxObjects_));
+  maxObjects_ =
+      std::min(kHardMaxObjects, JsonUtil::ReadUnsigned(section, "maxObjects", maxObjects_));
   connectTimeoutMs_ = JsonUtil::ReadUnsigned(section, "connectTimeoutMs", connectTimeoutMs_);
   messageTimeoutMs_ = JsonUtil::ReadUnsigned(section, "messageTimeoutMs", messageTimeoutMs_);
 }

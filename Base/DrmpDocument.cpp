@@ -56,8 +56,8 @@ bool DrmpDocument::IsValidPath(const std::string& path) {
     return false;
   }
   for (char c : path) {
-    const bool plain = IsNameChar(c) || c == '/' || c == '?' || c == '=' || c == '&' || c == '%' ||
-                       c == '~';
+    const bool plain =
+        IsNameChar(c) || c == '/' || c == '?' || c == '=' || c == '&' || c == '%' || c == '~';
     if (!plain) {
       return false;
     }

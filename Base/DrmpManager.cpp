@@ -64,7 +64,7 @@ DrmpManager::DrmpManager() : sem_(TheCore().getMutex()) {}
 const char* DrmpManager::MicroServiceToString(int microService) {
   static const char* const kNames[] = {"GetObjects", "GetObject", "PostReport"};
   return microService >= GetObjects && microService <= PostReport ? kNames[microService]
-                                                                   : "Unknown";
+                                                                  : "Unknown";
 }
 
 bool DrmpManager::isTerminating() const {
@@ -399,9 +399,8 @@ void DrmpManager::takeObject(const Core::Http::Response& response) {
   const DrmpEntry entry = toFetch_[fetchIndex_];
   if (response.statusCode != 200) {
     handleFailure(response);
-    fail(entry.name, response.answered
-                         ? "status " + std::to_string(response.statusCode)
-                         : std::string("transfer failed"));
+    fail(entry.name, response.answered ? "status " + std::to_string(response.statusCode)
+                                       : std::string("transfer failed"));
     return;
   }
   if (response.bodyLength != entry.size) {
@@ -451,8 +450,7 @@ void DrmpManager::deleteUnlisted() {
   }
   for (const std::string& name : unlisted) {
     if (std::find(deleted.begin(), deleted.end(), name) != deleted.end()) {
-      LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DRMP object %s deleted",
-              name.c_str());
+      LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DRMP object %s deleted", name.c_str());
       deletedReport_.append(name);
     } else {
       fail(name, "cannot delete");

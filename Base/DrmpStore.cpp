@@ -84,8 +84,7 @@ void DrmpStore::recover() {
       continue;
     }
     LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
-            "DRMP object %s does not match the index, it will be fetched again",
-            it->first.c_str());
+            "DRMP object %s does not match the index, it will be fetched again", it->first.c_str());
     FileUtil::Remove(directory_, it->first);
     it = installed_.erase(it);
     changed = true;

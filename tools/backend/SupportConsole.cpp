@@ -79,6 +79,10 @@ const char* SupportConsole::HelpText() {
          "  end <CN>                          end the device's session from the back end\n"
          "  compact on|off                    task answers on one line each (a script's\n"
          "                                    grep), or indented (the default)\n"
+         "  drmp put <NAME> <TEXT>            list the object NAME holding TEXT for every\n"
+         "                                    device (its version goes up by one)\n"
+         "  drmp delete <NAME>                take the object NAME off the list\n"
+         "  drmp reports                      the DRMP reports received so far\n"
          "  help                              this text\n";
 }
 
@@ -206,10 +210,36 @@ void SupportConsole::execute(const std::string& line) {
     g_compactAnswers = arguments == "on";
     print(std::string("task answers are printed ") +
           (arguments == "on" ? "on one line each\n" : "indented\n"));
+  } else if (command == "drmp") {
+    drmpCommand(arguments);
   } else if (command == "help") {
     print(HelpText());
   } else {
     print("unknown command \"" + command + "\"; try help\n");
+  }
+}
+
+// The device fetches the change at its next check (LumCheckForDrmpUpdate,
+// a restart or its schedule).
+void SupportConsole::drmpCommand(const std::string& arguments) {
+  std::string rest;
+  const std::string verb = FirstWord(arguments, &rest);
+  std::string text;
+  const std::string name = FirstWord(rest, &text);
+  if (verb == "put" && !name.empty()) {
+    backend_.drmp().put(name, text);
+    print("DRMP object " + name + " listed\n");
+  } else if (verb == "delete" && !name.empty()) {
+    print(backend_.drmp().remove(name) ? "DRMP object " + name + " taken off the list\n"
+                                       : "no DRMP object " + name + "\n");
+  } else if (verb == "reports") {
+    std::string list;
+    for (const LumJson::Value& report : backend_.drmp().reports()) {
+      list += Pretty(report) + "\n";
+    }
+    print(list.empty() ? "no DRMP reports yet\n" : list);
+  } else {
+    print("usage: drmp put <NAME> <TEXT> | drmp delete <NAME> | drmp reports\n");
   }
 }
 

@@ -45,6 +45,7 @@ class SupportConsole {
   void queueTask(const std::string& arguments);
   void listAnswers();
   void endSession(const std::string& arguments);
+  void drmpCommand(const std::string& arguments);
   void print(const std::string& text);
 
   Backend& backend_;

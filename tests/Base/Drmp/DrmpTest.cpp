@@ -139,8 +139,8 @@ TEST_F(Drmp, UnsignedOrBadlySignedListChangesNothing) {
   drmp().setObjects({Object("a", "2", "a two"), Object("b", "1", "b one")});
   const size_t objectsAsked = agent_.backend().requestCount("/api/v1/drmp/objects");
   size_t refusals = 0;
-  for (DrmpListSigning signing : {DrmpListSigning::Unsigned, DrmpListSigning::RogueSigned,
-                                  DrmpListSigning::WrongSignature}) {
+  for (DrmpListSigning signing :
+       {DrmpListSigning::Unsigned, DrmpListSigning::RogueSigned, DrmpListSigning::WrongSignature}) {
     drmp().setListSigning(signing);
     ASSERT_EQ(LumCheckForDrmpUpdate(), LUM_RESULT_SUCCESS);
     ++refusals;
