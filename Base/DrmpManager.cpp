@@ -299,7 +299,9 @@ void DrmpManager::postMicroService(Core::Http::Response& response) {
 
 void DrmpManager::handleFailure(const Core::Http::Response& response) {
   if (response.statusCode == 422) {
+    // The check runs again as soon as the core has registered anew.
     TheCore().retireGidToken();
+    checkRequested_ = true;
   } else if (response.statusCode == 428) {
     TheCore().setNotSynchronized();
   }

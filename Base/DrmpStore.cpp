@@ -40,6 +40,21 @@ bool Exists(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0;
 }
 
+// Every name in the directory but "." and "..".
+std::vector<std::string> Entries(const std::string& directory) {
+  std::vector<std::string> names;
+  if (DIR* dir = ::opendir(directory.c_str())) {
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") {
+        names.push_back(name);
+      }
+    }
+    ::closedir(dir);
+  }
+  return names;
+}
+
 std::string TempName(const std::string& name) {
   return "." + name + ".tmp";
 }
@@ -56,18 +71,8 @@ void DrmpStore::recover() {
             directory_.c_str(), strerror(errno));
   }
   const bool indexRead = loadIndex();
-  std::vector<std::string> names;
-  if (DIR* dir = ::opendir(directory_.c_str())) {
-    while (const dirent* entry = ::readdir(dir)) {
-      const std::string name = entry->d_name;
-      if (name != "." && name != "..") {
-        names.push_back(name);
-      }
-    }
-    ::closedir(dir);
-  }
   bool changed = false;
-  for (const std::string& name : names) {
+  for (const std::string& name : Entries(directory_)) {
     if (name[0] == '.') {
       LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_WARNING,
               "Removing %s, left by an install that did not finish", name.c_str());
@@ -200,9 +205,11 @@ uint64_t DrmpStore::freeBytes() const {
   return static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_frsize);
 }
 
+// Whatever the directory holds goes, not only what this run's index
+// listed: the store may never have been read in this run.
 void DrmpStore::drop() {
-  for (const auto& item : installed_) {
-    FileUtil::Remove(directory_, item.first);
+  for (const std::string& name : Entries(directory_)) {
+    FileUtil::Remove(directory_, name);
   }
   installed_.clear();
   FileUtil::Drop(persistentPath_, kIndexName);

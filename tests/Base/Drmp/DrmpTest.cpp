@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/FileOperations.h"
+#include "Platform/FileUtil.h"
 #include "agent/AgentHarness.h"
 
 namespace {
@@ -41,13 +43,25 @@ std::set<std::string> Names(const LumJson::Value& items) {
   return names;
 }
 
+// A disk that takes no object: every rename into the object directory fails.
+class NoObjectRenames : public Lum::Core::FileOperations {
+ public:
+  int rename(const char* from, const char* to) override {
+    if (std::string(to).find("/drmp/") != std::string::npos) {
+      errno = ENOSPC;
+      return -1;
+    }
+    return FileOperations::rename(from, to);
+  }
+};
+
 class Drmp : public ::testing::Test {
  protected:
-  // No check of its own during a test: only the start and the host's asks.
-  void start() {
-    LumJson::Value section(LumJson::objectValue);
-    section["checkIntervalMs"] = 3600000;
-    section["retryDelayMs"] = 3600000;
+  // By default no check of its own during a test: only the start and the
+  // host's asks.
+  void start(LumJson::Value section = LumJson::Value(LumJson::objectValue)) {
+    if (!section.isMember("checkIntervalMs")) section["checkIntervalMs"] = 3600000;
+    if (!section.isMember("retryDelayMs")) section["retryDelayMs"] = 3600000;
     agent_.setConfigSection("drmp", section);
     ASSERT_EQ(agent_.init(), LUM_RESULT_SUCCESS);
   }
@@ -219,6 +233,75 @@ TEST_F(Drmp, StopDoesNotWaitForATransfer) {
   EXPECT_LT(steady_clock::now() - before, seconds(5));
   EXPECT_TRUE(drmp().reports().empty());
   EXPECT_TRUE(files().empty());
+}
+
+TEST_F(Drmp, ObjectsOverTheLimitsAreNotFetched) {
+  LumJson::Value limits(LumJson::objectValue);
+  limits["maxObjectBytes"] = 10;
+  limits["maxTotalBytes"] = 15;
+  drmp().setObjects({Object("held", "1", "12345678")});
+  start(limits);
+  report(1);
+  drmp().setObjects({Object("held", "1", "12345678"), Object("huge", "1", "12345678901"),
+                     Object("spill", "1", "12345678"), Object("fits", "1", "1234567")});
+  LumJson::Value answer = checkAndReport(2);
+  EXPECT_EQ(Names(answer["kept"]), std::set<std::string>{"held"});
+  EXPECT_EQ(Names(answer["installed"]), std::set<std::string>{"fits"});
+  EXPECT_EQ(Names(answer["failed"]), (std::set<std::string>{"huge", "spill"}));
+  EXPECT_EQ(agent_.backend().requestCount("/api/v1/drmp/object/huge"), 0u);
+  EXPECT_EQ(agent_.backend().requestCount("/api/v1/drmp/object/spill"), 0u);
+}
+
+TEST_F(Drmp, AFailedWriteKeepsThePreviousVersion) {
+  drmp().setObjects({Object("a", "1", "a one")});
+  start();
+  report(1);
+  drmp().setObjects({Object("a", "2", "a two")});
+  NoObjectRenames full;
+  Lum::Core::FileUtil::SetOperations(&full);
+  LumJson::Value answer = checkAndReport(2);
+  Lum::Core::FileUtil::SetOperations(nullptr);
+  ASSERT_EQ(answer["failed"].size(), 1u);
+  EXPECT_EQ(answer["failed"][0]["reason"].asString(), "cannot write");
+  EXPECT_EQ(object("a"), "a one");
+  EXPECT_EQ(files(), std::set<std::string>{"a"});
+  EXPECT_EQ(Names(checkAndReport(3)["installed"]), std::set<std::string>{"a"});
+  EXPECT_EQ(object("a"), "a two");
+}
+
+TEST_F(Drmp, ChecksFollowTheScheduleAndRetryAfterAFailure) {
+  struct Case {
+    const char* name;
+    unsigned intervalMs;
+    unsigned retryMs;
+    DrmpObject::Fault fault;
+  };
+  for (const Case& c : {Case{"interval", 1000, 3600000, DrmpObject::Fault::WrongBytes},
+                        Case{"retry", 3600000, 1000, DrmpObject::Fault::Unavailable}}) {
+    SCOPED_TRACE(c.name);
+    AgentHarness agent;
+    agent.backend().drmp().setObjects({Object("a", "1", "a one", c.fault)});
+    LumJson::Value section(LumJson::objectValue);
+    section["checkIntervalMs"] = c.intervalMs;
+    section["retryDelayMs"] = c.retryMs;
+    agent.setConfigSection("drmp", section);
+    ASSERT_EQ(agent.init(), LUM_RESULT_SUCCESS);
+    ASSERT_TRUE(agent.backend().drmp().waitForReports(1, seconds(20)));
+    agent.backend().drmp().setObjects({Object("a", "1", "a one")});
+    // No ask of the host's: the second check comes by itself.
+    ASSERT_TRUE(agent.backend().drmp().waitForReports(2, seconds(20)));
+    EXPECT_EQ(Names(agent.backend().drmp().reports()[1]["installed"]), std::set<std::string>{"a"});
+    ASSERT_TRUE(agent.stop());
+  }
+}
+
+TEST_F(Drmp, FactoryResetRemovesEveryObject) {
+  drmp().setObjects({Object("a", "1", "a one")});
+  start();
+  report(1);
+  ASSERT_TRUE(agent_.stop(true));
+  EXPECT_TRUE(files().empty());
+  EXPECT_EQ(ReadFile(agent_.persistentPath() + "/drmpIndex"), "");
 }
 
 }  // namespace
