@@ -88,6 +88,7 @@ void DrmpManager::initialize(const Core::ManagerContext& context) {
   store_.reset(new DrmpStore(coreConfig_->getPersistentPath(), config_->getMaxObjectBytes()));
   terminating_ = false;
   waiting_ = false;
+  waitingForToken_ = false;
   // Every start checks once the device is registered: the list may have
   // changed while the television was off.
   checkRequested_ = true;
@@ -153,7 +154,9 @@ void DrmpManager::cascadeStateChanges() {
   if (!config_ || !waiting_) {
     return;
   }
-  if (isTerminating() || (registered() && checkRequested_)) {
+  // Once registered, a thread that waited for the token decides afresh: its
+  // scheduled check may have fallen due meanwhile.
+  if (isTerminating() || (registered() && (checkRequested_ || waitingForToken_))) {
     LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "DrmpControl delay being reset");
     sem_.reset();
   }
@@ -193,7 +196,8 @@ Core::ControlCycle::Step DrmpManager::nextStep(timespec& deadline) {
   if (isTerminating() || !config_) {
     return Step::Stop;
   }
-  if (!registered()) {
+  waitingForToken_ = !registered();
+  if (waitingForToken_) {
     // A round cut short by a retired token starts again once registered.
     if (phase_ != Idle) {
       checkRequested_ = true;

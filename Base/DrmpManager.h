@@ -97,6 +97,7 @@ class DrmpManager : public Core::Manager, private Core::ControlCycle {
 
   bool terminating_ = false;
   bool waiting_ = false;
+  bool waitingForToken_ = false;  // the wait is for a GID token
   bool checkRequested_ = false;
   Phase phase_ = Idle;
   MicroService prepared_ = GetObjects;  // the call prepared last
