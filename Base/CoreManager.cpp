@@ -14,6 +14,7 @@
 #include "Base/Injector.h"
 #include "Base/PersistentValues.h"
 #include "Base/ProductIdentity.h"
+#include "Base/SoftwareUpdateManager.h"
 #include "Base/SupportViewManager.h"
 #include "Base/TimeFile.h"
 #include "Base/VolatileValues.h"
@@ -77,6 +78,8 @@ void CoreManager::registerManagers() {
     managers_.push_back(EventManager::Instance());
     managers_.push_back(Sv::SupportViewManager::Instance());
     managers_.push_back(Ds::DataServicesManager::Instance());
+    managers_.push_back(Su::SoftwareUpdateManager::Instance());
+    // The DRMP manager follows here, last.
   }
 }
 
