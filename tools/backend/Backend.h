@@ -14,6 +14,7 @@
 #include "tools/backend/HttpExchange.h"
 #include "tools/backend/SupportSessions.h"
 #include "tools/backend/TlsServer.h"
+#include "tools/backend/UpdateService.h"
 #include "tools/backend/UploadLedger.h"
 #include "tools/pki/TestPki.h"
 
@@ -216,6 +217,9 @@ class Backend {
   // had none.
   bool endSession(const std::string& commonName);
 
+  // Software update: "https://OPID-su.lum.localhost:PORT" (UpdateService).
+  UpdateService& updates() { return updates_; }
+
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
   void clearFaults();
@@ -322,6 +326,7 @@ class Backend {
   // Support sessions, tasks and answers; likewise self-locking and never
   // called with stateMutex_ held, since a get waits inside it.
   SupportSessions sessions_;
+  UpdateService updates_;
 };
 
 }  // namespace Tools
