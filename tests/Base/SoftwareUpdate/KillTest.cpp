@@ -1,0 +1,147 @@
+// The agent killed at random moments while it downloads: whatever it had
+// verified before a kill stays verified, it never claims a download it has
+// not verified, and it ends with the published bytes.
+#include <gtest/gtest.h>
+#include <lum.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+
+#include "Platform/JsonUtil.h"
+#include "UpdateHarness.h"
+
+namespace {
+
+using LumTest::AgentHarness;
+using LumTest::ReadFile;
+using LumTest::WriteFile;
+
+constexpr int kKills = 200;
+
+class Child {
+ public:
+  explicit Child(const std::vector<std::string>& args) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      std::vector<char*> argv;
+      for (const std::string& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+      }
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    fd_ = pid_ > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)) : -1;
+  }
+  ~Child() {
+    if (pid_ > 0 && !reaped_) {
+      kill(pid_, SIGKILL);
+      reap();
+    }
+    if (fd_ >= 0) {
+      close(fd_);
+    }
+  }
+  bool started() const { return pid_ > 0 && fd_ >= 0; }
+  // Waits until the child ends by itself or `ms` pass; true when it ended.
+  bool waitForExit(int ms) {
+    pollfd entry{fd_, POLLIN, 0};
+    return poll(&entry, 1, ms) == 1;
+  }
+  int killAndReap() {
+    kill(pid_, SIGKILL);
+    return reap();
+  }
+  int reap() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    reaped_ = true;
+    return status;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  bool reaped_ = false;
+};
+
+TEST(SoftwareUpdateKill, KilledAtRandomTheDownloadOnlyMovesForwardAndEndsVerified) {
+  AgentHarness agent;
+  Lum::Tools::UpdateOffer offer;
+  offer.payload = LumTest::RandomBytes(24 * 1024);
+  offer.blockSize = 64;
+  Lum::Tools::UpdateFaults faults;
+  faults.blockDelay = std::chrono::milliseconds(1);
+  agent.backend().updates().publishUpdate(offer);
+  agent.backend().updates().setFaults(faults);
+  agent.seedPersistedValues(LumTest::UpdateTunables(3, 20));
+  agent.backend().pushTunables(LumTest::UpdateTunables(3, 20));
+
+  const std::string dir = agent.persistentPath();
+  const std::string staging = dir + "/staging.raw";
+  LumJson::Value config(LumJson::objectValue);
+  config["core"]["persistentPath"] = dir;
+  config["softwareUpdate"]["stagingLocation"] = staging;
+  WriteFile(dir + "/identity.json", agent.identityText());
+  WriteFile(dir + "/config.json", Lum::Core::JsonUtil::WriteCompact(config));
+  WriteFile(dir + "/device.json", agent.deviceText());
+  const std::string result = dir + "/result";
+  const std::vector<std::string> args = {SU_KILL_CHILD,
+                                         dir + "/identity.json",
+                                         dir + "/config.json",
+                                         dir + "/device.json",
+                                         staging,
+                                         LumTest::Sha256Hex(offer.payload),
+                                         result};
+
+  std::mt19937 random(std::random_device{}());
+  std::uniform_int_distribution<int> moment(1, 40);
+  long long persisted = 0;
+  int kills = 0;
+  int finished = 0;
+  int progressed = 0;
+  const auto began = std::chrono::steady_clock::now();
+  while (kills < kKills) {
+    Child child(args);
+    ASSERT_TRUE(child.started());
+    if (child.waitForExit(moment(random))) {
+      const int status = child.reap();
+      ASSERT_TRUE(WIFEXITED(status)) << status;
+      ASSERT_EQ(ReadFile(result), "OK");
+      ++finished;
+    } else {
+      child.killAndReap();
+      ++kills;
+    }
+    const long long now = LumTest::StoredVerifiedBytes(dir);
+    ASSERT_GE(now, persisted) << "after kill " << kills;
+    progressed += now > persisted ? 1 : 0;
+    persisted = now;
+    // What is claimed verified is on the disk as published.
+    const std::string stored = ReadFile(staging);
+    ASSERT_GE(stored.size(), static_cast<size_t>(std::max(now, 0LL)));
+    ASSERT_EQ(stored.substr(0, static_cast<size_t>(std::max(now, 0LL))),
+              offer.payload.substr(0, static_cast<size_t>(std::max(now, 0LL))));
+  }
+  // The last run is left to finish.
+  Child last(args);
+  ASSERT_TRUE(last.started());
+  ASSERT_TRUE(last.waitForExit(60000));
+  ASSERT_TRUE(WIFEXITED(last.reap()));
+  EXPECT_EQ(ReadFile(result), "OK");
+  EXPECT_EQ(ReadFile(staging), offer.payload);
+  EXPECT_GT(progressed, 1);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  std::printf("%d kills, %d runs progressed, %d finished before their kill, %.1f s\n", kills,
+              progressed, finished, seconds);
+}
+
+}  // namespace
