@@ -75,7 +75,7 @@ class Child {
 TEST(SoftwareUpdateKill, KilledAtRandomTheDownloadOnlyMovesForwardAndEndsVerified) {
   AgentHarness agent;
   Lum::Tools::UpdateOffer offer;
-  offer.payload = LumTest::RandomBytes(24 * 1024);
+  offer.payload = LumTest::RandomBytes(64 * 1024);
   offer.blockSize = 64;
   Lum::Tools::UpdateFaults faults;
   faults.blockDelay = std::chrono::milliseconds(1);
@@ -102,7 +102,7 @@ TEST(SoftwareUpdateKill, KilledAtRandomTheDownloadOnlyMovesForwardAndEndsVerifie
                                          result};
 
   std::mt19937 random(std::random_device{}());
-  std::uniform_int_distribution<int> moment(1, 40);
+  std::uniform_int_distribution<int> moment(5, 80);
   long long persisted = 0;
   int kills = 0;
   int finished = 0;
@@ -140,8 +140,10 @@ TEST(SoftwareUpdateKill, KilledAtRandomTheDownloadOnlyMovesForwardAndEndsVerifie
   EXPECT_GT(progressed, 1);
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-  std::printf("%d kills, %d runs progressed, %d finished before their kill, %.1f s\n", kills,
-              progressed, finished, seconds);
+  std::printf(
+      "%d kills, %d runs progressed, %d finished before their kill, %lld of %zu bytes "
+      "verified before the last run, %.1f s\n",
+      kills, progressed, finished, persisted, offer.payload.size(), seconds);
 }
 
 }  // namespace
