@@ -103,7 +103,7 @@ TEST(SoftwareUpdateKill, KilledAtRandomTheDownloadOnlyMovesForwardAndEndsVerifie
 
   std::mt19937 random(std::random_device{}());
   std::uniform_int_distribution<int> moment(5, 80);
-  long long persisted = 0;
+  long long persisted = -1;  // no state file yet
   int kills = 0;
   int finished = 0;
   int progressed = 0;
