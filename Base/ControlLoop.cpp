@@ -134,7 +134,7 @@ void ControlLoop::call(const ControlTexts& texts, int service, Mutex& mutex, Con
   request->cancel = cycle.cancelFlag(cancel);
   {
     UnlockMutex unlocked(mutex);
-    Http::Perform(*request, response);
+    cycle.perform(*request, response);
   }
   cycle.postMicroService(response);
 }

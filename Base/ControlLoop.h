@@ -53,6 +53,11 @@ class ControlCycle {
   // Where the answer's body goes and how much of it is taken (a buffer and
   // its limit); by default all of it into `body`.
   virtual void prepResponse(Http::Response& /*response*/) {}
+  // The call itself, run with the mutex released. A cycle whose work is not
+  // (only) a network call, copying from a local file say, does it here.
+  virtual void perform(Http::Request& request, Http::Response& response) {
+    Http::Perform(request, response);
+  }
   // Told when the thread starts and ends a wait, so that the owner resets
   // the semaphore only for a thread that is actually asleep on it, and
   // learns whether the wait ran its course or was cut short.

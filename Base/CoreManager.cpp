@@ -15,6 +15,7 @@
 #include "Base/Injector.h"
 #include "Base/PersistentValues.h"
 #include "Base/ProductIdentity.h"
+#include "Base/SoftwareUpdateManager.h"
 #include "Base/SupportViewManager.h"
 #include "Base/TimeFile.h"
 #include "Base/VolatileValues.h"
@@ -78,6 +79,7 @@ void CoreManager::registerManagers() {
     managers_.push_back(EventManager::Instance());
     managers_.push_back(Sv::SupportViewManager::Instance());
     managers_.push_back(Ds::DataServicesManager::Instance());
+    managers_.push_back(Su::SoftwareUpdateManager::Instance());
     managers_.push_back(Drmp::DrmpManager::Instance());
   }
 }

@@ -111,12 +111,4 @@ LUM_API unsigned int LumLogMessage(unsigned int severity, const char* format, ..
   return result;
 }
 
-LUM_API unsigned int LumCheckForSoftwareUpdate(void) {
-  return EntryGuard::Run(__func__, [](const char* entry) -> unsigned {
-    LUM_TRACE_AS(entry, kCore);
-    LUM_CALLED(entry, FP::SEVERITY_INFO);
-    return CoreManager::Instance()->checkForSoftwareUpdate();
-  });
-}
-
 }  // extern "C"

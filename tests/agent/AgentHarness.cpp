@@ -52,7 +52,7 @@ std::string AgentHarness::identityText() const {
 std::string AgentHarness::configText(const LumJson::Value& coreExtra,
                                      const LumJson::Value& dataServices) const {
   LumJson::Value filters(LumJson::arrayValue);
-  for (const char* service : {"core", "ds", "sv", "drmp"}) {
+  for (const char* service : {"core", "ds", "sv", "su", "drmp"}) {
     for (const char* category : {"state", "flow", "clibapi", "webservice", "supervisor"}) {
       LumJson::Value filter(LumJson::objectValue);
       filter["service"] = service;

@@ -188,7 +188,8 @@ Backend::Backend(const TestPki& pki, BackendOptions options)
       ocspMode_(options_.ocsp),
       minTls_(options_.minTls),
       maxTls_(options_.maxTls),
-      sessions_(SessionOptions(options_)) {
+      sessions_(SessionOptions(options_)),
+      updates_(pki, [this](std::chrono::milliseconds delay) { return waitUnlessStopping(delay); }) {
   installCoreRoutes();
 }
 
@@ -229,6 +230,9 @@ void Backend::installCoreRoutes() {
   addRoute(kSpeedUploadPath, AnswerSpeedUpload);
   addRoute(kMethodPath, AnswerMethod);
   addPrefixRoute(kBytesPrefix, AnswerBytes);
+  addPrefixRoute("/api/v1/su/", [this](const RecordedRequest& request, Reply& reply) {
+    updates_.handle(request, reply);
+  });
 }
 
 // ---- life cycle and TLS ----
@@ -290,7 +294,7 @@ bool Backend::start(std::string* error) {
     return false;
   }
   port_ = server_->port();
-  return true;
+  return updates_.start(error);
 }
 
 void Backend::stop() {

@@ -15,6 +15,7 @@
 #include "tools/backend/HttpExchange.h"
 #include "tools/backend/SupportSessions.h"
 #include "tools/backend/TlsServer.h"
+#include "tools/backend/UpdateService.h"
 #include "tools/backend/UploadLedger.h"
 #include "tools/pki/TestPki.h"
 
@@ -221,6 +222,8 @@ class Backend {
   // DRMP: the objects every device should hold and the reports received
   // (see DrmpService for the paths under "/api/v1/drmp/").
   DrmpService& drmp() { return *drmp_; }
+  // Software update: "https://OPID-su.lum.localhost:PORT" (UpdateService).
+  UpdateService& updates() { return updates_; }
 
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
@@ -329,6 +332,7 @@ class Backend {
   // called with stateMutex_ held, since a get waits inside it.
   SupportSessions sessions_;
   std::unique_ptr<DrmpService> drmp_;  // self-locking, never called with stateMutex_ held
+  UpdateService updates_;
 };
 
 }  // namespace Tools
