@@ -10,9 +10,15 @@
 # offers, the device's facts, its picture settings; the agent switches the
 # picture mode to Cinema, reads it back, presses HOME on the remote and runs
 # the network diagnostic. The host's television is simulated, so its "[tv]"
-# lines show the picture mode and the key press arrive. Then the television is
-# switched off with the session held, which suspends it; switched on again,
-# it resumes the session (same code) and the user ends it.
+# lines show the picture mode and the key press arrive. At the same time the
+# back end offers a software update, which the user allows: the agent
+# downloads it block by block (the status lines show the percentage),
+# verifies every block and the whole payload against the signed metadata, and
+# the user confirms it. The back end also lists one named object (DRMP),
+# which the agent installs. Then the television is switched off with the
+# session held, which suspends it; the back end takes the object off its
+# list; switched on again, the television resumes the session (same code),
+# the agent removes the object, and the user ends the session.
 #   scripts/demo.sh [longest first run in seconds, default 90]
 # The answers' contents are checked; a failed check fails the demo at its
 # end.
@@ -67,7 +73,9 @@ cat > "$work/config.json" <<JSON
                 {"service": "sv", "category": "state", "severity": "info"},
                 {"service": "sv", "category": "webservice", "severity": "info"}]}]},
  "dataServices": {"maximumDataBytes": 262144},
- "supportView": {"pauseSessionOnTerm": true}}
+ "supportView": {"pauseSessionOnTerm": true},
+ "softwareUpdate": {"stagingLocation": "$work/staging.raw"},
+ "drmp": {}}
 JSON
 cat > "$work/device.json" <<JSON
 {"id": "DEMO-0001", "model": "LT-55", "subModel": "LT-55-EU", "brand": "Acme",
@@ -85,6 +93,9 @@ cat > "$work/items.txt" <<'ITEMS'
 ITEMS
 
 allowed=TvPowerState,TvChannelTune,DeviceInfoEsn,DeviceInfoMac
+# The software update the back end offers: 256 KiB in blocks of 16 KiB,
+# served with a pause per block so the percentage can be seen moving.
+head -c 262144 /dev/urandom > "$work/update.bin"
 echo "== Starting the local back end on 127.0.0.1:$port (allowed data items: $allowed)"
 # The back end's standard input is its support console, fed from a FIFO that
 # this script keeps open (fd 3). Its output goes through a process
@@ -94,7 +105,8 @@ mkfifo "$work/console"
 exec 3<>"$work/console"
 "$bin/tools/backend/lum-backend" --pki "$work/pki" --port "$port" \
   --tunables "$work/tunables.json" --allowed-ids "$allowed" --region eu1 \
-  --long-poll-ms 5000 < "$work/console" \
+  --long-poll-ms 5000 --update-payload "$work/update.bin" --update-version 2.0.0 \
+  --update-block-bytes 16384 --update-block-ms 150 < "$work/console" \
   > >(tee "$work/backend.out" | sed -u 's/^/[backend] /') &
 backend_pid=$!
 for _ in $(seq 50); do
@@ -158,7 +170,12 @@ host() {
     --config "$work/config.json" --device "$work/device.json" --log-through \
     --tv-dir "$work/tv" "$@" > >(tee -a "$work/tv.out" | sed -u 's/^/[host] /')
 }
+# The back end lists one object for the television to hold.
+echo "drmp put channel-list {\"channels\":[\"1 Demo One\",\"2 Demo Two\"]}" >&3
+wait_for "$work/backend.out" 'DRMP object channel-list listed'
+echo "   and the user allows software updates (download, then confirm once verified)"
 host --items "$work/items.txt" --items-delay-ms 200 --open-session \
+  --check-update --update-permission 1 --confirm-update \
   --run-seconds "$seconds" &
 host_pid=$!
 wait_for "$work/tv.out" 'session=4 code=[0-9]'
@@ -187,17 +204,28 @@ echo "== The support agent runs the network diagnostic with the speed tests agai
 # and the demo keeps its traffic on loopback.
 task B7E20D_LIVE_SUPPORT_NORVIK_NETWORK_DIAGNOSTIC EXECUTE '{"TESTS":false}'
 check "the speed tests ran against the back end" '"DOWNLOAD" *: *\{[^}]*"OK" *: *true' "$answer"
+echo "== The software update: offered, downloaded block by block, verified and confirmed"
+wait_for "$work/tv.out" 'update=4 ' 60 || true
+grep -o 'update=[0-9] source=[0-9] version=[^ ]* percent=[0-9]*' "$work/tv.out" | uniq |
+  sed 's/^/   /' | head -30
+check "the update was downloaded, verified and confirmed" 'update=4 source=1 version=2.0.0 percent=100' "$(cat "$work/tv.out")"
+check "the staging file holds the offered payload" "^$(sha256sum < "$work/update.bin" | cut -c1-64)" "$(sha256sum < "$work/staging.raw" 2>/dev/null)"
+echo "== The object the back end listed is installed"
+wait_for "$work/state/drmp/channel-list" 'Demo One' 10 || true
+check "the object channel-list is installed" 'Demo One' "$(cat "$work/state/drmp/channel-list" 2>/dev/null)"
 echo "== Switching the television off once the back end has the data package"
 wait_for "$work/backend.out" '^data package from'
 kill -TERM "$host_pid" 2>/dev/null || true
 wait "$host_pid" || true
 host_pid=""
 wait_for "$work/backend.out" ') suspended'
-echo "== The television was switched off with the session held; switching it on again"
+echo "drmp delete channel-list" >&3
+echo "== The television was switched off with the session held; the back end no longer lists the object; switching it on again"
 : > "$work/tv.out"
 (host --close-session-after-ms 5000 --run-seconds 7)
 grep -q "session=4 code=$code" "$work/tv.out" &&
   echo "== The session resumed with the same code $code, and the user ended it"
+check "the object no longer listed was removed" '^gone$' "$([ -e "$work/state/drmp/channel-list" ] && echo present || echo gone)"
 
 echo "== Stopping the local back end"
 kill "$backend_pid" 2>/dev/null || true

@@ -33,6 +33,8 @@ int Usage() {
                "                   [--server-cert default|untrusted|wronghost]\n"
                "                   [--allowed-ids ID,ID,...] [--region NAME]\n"
                "                   [--long-poll-ms N]\n"
+               "                   [--update-payload FILE [--update-version V]\n"
+               "                    [--update-block-bytes N] [--update-block-ms N]]\n"
                "  --long-poll-ms  how long a task poll with nothing to hand out is held\n"
                "                  before 204 (default 10000; keep it below the agent's\n"
                "                  message time-out)\n\n"
@@ -156,6 +158,9 @@ int main(int argc, char** argv) {
   std::string region;
   bool idsGiven = false;
   std::vector<std::string> allowedIds;
+  std::string updatePayloadFile;
+  Lum::Tools::UpdateOffer offer;
+  long updateBlockMs = 0;
   Lum::Tools::BackendOptions options;
   options.port = 8443;
   for (int i = 1; i < argc; ++i) {
@@ -184,6 +189,16 @@ int main(int argc, char** argv) {
       idsGiven = true;
     } else if (arg == "--region") {
       region = value;
+    } else if (arg == "--update-payload") {
+      updatePayloadFile = value;
+    } else if (arg == "--update-version") {
+      offer.version = value;
+    } else if (arg == "--update-block-bytes") {
+      offer.blockSize = static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10));
+      ok = offer.blockSize > 0;
+    } else if (arg == "--update-block-ms") {
+      updateBlockMs = std::strtol(value.c_str(), nullptr, 10);
+      ok = updateBlockMs >= 0;
     } else if (arg == "--long-poll-ms") {
       char* end = nullptr;
       const long hold = std::strtol(value.c_str(), &end, 10);
@@ -224,6 +239,25 @@ int main(int argc, char** argv) {
   }
   if (idsGiven) {
     backend.setAllowedDataItemIds(allowedIds);
+  }
+  if (!updatePayloadFile.empty()) {
+    // An update every device is offered, served a block at a time with a
+    // pause between blocks so a demo can watch the percentage move. Offered
+    // before the port opens, so the first device to ask already sees it.
+    std::ifstream in(updatePayloadFile, std::ios::binary);
+    std::stringstream bytes;
+    bytes << in.rdbuf();
+    offer.payload = bytes.str();
+    if (!in || offer.payload.empty()) {
+      std::cerr << "lum-backend: cannot read the update payload " << updatePayloadFile << "\n";
+      return 1;
+    }
+    backend.updates().publishUpdate(offer);
+    Lum::Tools::UpdateFaults pace;
+    pace.blockDelay = std::chrono::milliseconds(updateBlockMs);
+    backend.updates().setFaults(pace);
+    std::cout << "offering update " << offer.version << " (" << offer.payload.size()
+              << " bytes in blocks of " << offer.blockSize << ")\n";
   }
   if (!backend.start(&error)) {
     std::cerr << "lum-backend: " << error << "\n";

@@ -6,6 +6,7 @@
  *            [--items FILE|-] [--items-delay-ms N] [--exit-after-ms N [--no-term]]
  *            [--open-session] [--close-session-after-ms N]
  *            [--tv-dir DIR | --no-tv]
+ *            [--check-update] [--update-permission N] [--confirm-update] [--check-drmp]
  *
  * It starts the agent with the three JSON texts, prints one line for every
  * status change (followed on a thread of its own with LumGetStatus method 1),
@@ -28,6 +29,10 @@
  * $TMPDIR or /tmp), so support commands act on settings that really change;
  * whenever its state changes it prints a "[tv] picture=... keys=..." line.
  * --no-tv registers nothing, leaving the agent's test values.
+ * --check-update asks the back end for a software update at the start;
+ * --update-permission answers an available update with that permission and
+ * --confirm-update confirms it once it is downloaded and verified, as the
+ * television's user would. --check-drmp asks for the back end's objects.
  * Written against the public header only, and the simulated television's C
  * header.
  */
@@ -61,6 +66,10 @@ typedef struct Options {
   long closeSessionAfterMs;
   const char* tvDir;
   int noTv;
+  int checkUpdate;
+  int updatePermission; /* -1: leave it */
+  int confirmUpdate;
+  int checkDrmp;
 } Options;
 
 /* How long the items wait for the back end's allowed identifiers at most;
@@ -142,13 +151,33 @@ static void printStatus(const LumStatus* status) {
   char line[4096];
   snprintf(line, sizeof line,
            "status: state=%u testMode=%u session=%u code=%s deviceId=%s opid=%s cloud=%s sw=%s "
-           "allowed=[%s] consent=%s update=%u source=%u",
+           "allowed=[%s] consent=%s update=%u source=%u version=%s percent=%u",
            status->deviceAgentState, status->testMode, status->sessionState,
            orEmpty(status->sessionCode), orEmpty(status->deviceId), orEmpty(status->certOpid),
            orEmpty(status->certInstance), orEmpty(status->swVersion),
            orEmpty(status->allowedDataItemIds), orEmpty(status->consentUrl), status->updateState,
-           status->updateSource);
+           status->updateSource, orEmpty(status->updateVersion), status->updatePercentDownloaded);
   hostLine("%s", line);
+}
+
+static const Options* gOptions;
+
+/* Answers an update as the television's user would: the permission given
+   with --update-permission once one is available, and the confirmation
+   (--confirm-update) once it is downloaded and verified. A permission given
+   before an update is available would be ignored. */
+static void answerUpdate(unsigned updateState) {
+  char report[128];
+  if (updateState == LumSoftwareUpdateAvailable && gOptions->updatePermission >= 0) {
+    snprintf(report, sizeof report, "update available: permission %d, result %u",
+             gOptions->updatePermission,
+             LumSetSoftwareUpdatePermission((unsigned)gOptions->updatePermission));
+    hostLine("%s", report);
+  } else if (updateState == LumSoftwareUpdateDownloaded && gOptions->confirmUpdate) {
+    snprintf(report, sizeof report, "update downloaded and verified: confirmed, result %u",
+             LumSetSoftwareUpdatePermission(2));
+    hostLine("%s", report);
+  }
 }
 
 typedef struct Follower {
@@ -162,6 +191,7 @@ typedef struct Follower {
    host asked it to stop. */
 static void* followStatus(void* arg) {
   Follower* follower = arg;
+  unsigned lastUpdateState = LumSoftwareUpdateNotAvailable;
   for (;;) {
     LumStatus status;
     unsigned state;
@@ -172,6 +202,10 @@ static void* followStatus(void* arg) {
     }
     printStatus(&status);
     state = status.deviceAgentState;
+    if (status.updateState != lastUpdateState) {
+      lastUpdateState = status.updateState;
+      answerUpdate(lastUpdateState);
+    }
     LumFreeStatus(&status);
     pthread_mutex_lock(&follower->mutex);
     stop = follower->stopRequested;
@@ -190,6 +224,7 @@ static void* followStatus(void* arg) {
 static int parseOptions(int argc, char** argv, Options* options) {
   int i;
   memset(options, 0, sizeof *options);
+  options->updatePermission = -1;
   for (i = 1; i < argc; ++i) {
     const char* arg = argv[i];
     const char* next = i + 1 < argc ? argv[i + 1] : NULL;
@@ -213,6 +248,14 @@ static int parseOptions(int argc, char** argv, Options* options) {
       options->tvDir = argv[++i];
     } else if (strcmp(arg, "--no-tv") == 0) {
       options->noTv = 1;
+    } else if (strcmp(arg, "--update-permission") == 0 && next) {
+      options->updatePermission = atoi(argv[++i]);
+    } else if (strcmp(arg, "--check-update") == 0) {
+      options->checkUpdate = 1;
+    } else if (strcmp(arg, "--confirm-update") == 0) {
+      options->confirmUpdate = 1;
+    } else if (strcmp(arg, "--check-drmp") == 0) {
+      options->checkDrmp = 1;
     } else if (strcmp(arg, "--open-session") == 0) {
       options->openSession = 1;
     } else if (strcmp(arg, "--no-term") == 0) {
@@ -236,7 +279,6 @@ static long long nowMs(void) {
   return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-static const Options* gOptions;
 
 /* Sleeps up to `ms` milliseconds; returns 1 when SIGINT/SIGTERM arrived
    meanwhile (the signal is consumed). Every wait of the main thread passes
@@ -370,7 +412,8 @@ int main(int argc, char** argv) {
             "usage: lum-host --identity FILE --config FILE --device FILE [--test-mode] "
             "[--factory-reset] [--log-through] [--run-seconds N] [--items FILE|-] "
             "[--items-delay-ms N] [--exit-after-ms N [--no-term]] [--open-session] "
-            "[--close-session-after-ms N] [--tv-dir DIR | --no-tv]\n");
+            "[--close-session-after-ms N] [--tv-dir DIR | --no-tv] [--check-update] "
+            "[--update-permission N] [--confirm-update] [--check-drmp]\n");
     return 2;
   }
   identity = readWholeFile(options.identityFile);
@@ -433,6 +476,17 @@ int main(int argc, char** argv) {
     hostLine("host: %s", result == LUM_RESULT_SUCCESS ? "test mode enabled" : "test mode refused");
   }
   pthread_create(&thread, NULL, followStatus, &follower);
+  if (options.checkUpdate) {
+    char report[64];
+    snprintf(report, sizeof report, "update check requested, result %u",
+             LumSetSoftwareUpdateSource(1, ""));
+    hostLine("host: %s", report);
+  }
+  if (options.checkDrmp) {
+    char report[64];
+    snprintf(report, sizeof report, "object check requested, result %u", LumCheckForDrmpUpdate());
+    hostLine("host: %s", report);
+  }
   if (options.openSession) {
     char report[64];
     snprintf(report, sizeof report, "session requested, result %u", LumSessionInit(0));
