@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "tools/backend/JsonText.h"
+#include "tools/backend/UploadLedger.h"
 
 namespace Lum {
 namespace Tools {
@@ -16,18 +17,6 @@ constexpr const char* kPrefix = "/api/v1/su/";
 constexpr const char* kMetadataPath = "/api/v1/su/metadata";
 constexpr const char* kPayloadPrefix = "/api/v1/su/payload/";
 constexpr const char* kCompletePath = "/api/v1/su/download/complete";
-
-std::string Sha256Hex(const std::string& bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  std::string hex;
-  char digits[3];
-  for (unsigned char c : digest) {
-    std::snprintf(digits, sizeof digits, "%02x", c);
-    hex += digits;
-  }
-  return hex;
-}
 
 // "bytes=A-B" with A <= B.
 bool ParseRange(const std::string& header, uint64_t* first, uint64_t* last) {
@@ -105,12 +94,12 @@ std::string UpdateService::buildEnvelope() {
   LumJson::Value document(LumJson::objectValue);
   document["version"] = offer_.version;
   document["size"] = static_cast<LumJson::UInt64>(offer_.payload.size());
-  document["sha256"] =
-      faults_.wrongHash ? Sha256Hex(offer_.payload + "x") : Sha256Hex(offer_.payload);
+  document["sha256"] = faults_.wrongHash ? UploadLedger::Sha256Hex(offer_.payload + "x")
+                                         : UploadLedger::Sha256Hex(offer_.payload);
   document["blockSize"] = offer_.blockSize;
   LumJson::Value hashes(LumJson::arrayValue);
   for (size_t at = 0; at < offer_.payload.size(); at += offer_.blockSize) {
-    hashes.append(Sha256Hex(offer_.payload.substr(at, offer_.blockSize)));
+    hashes.append(UploadLedger::Sha256Hex(offer_.payload.substr(at, offer_.blockSize)));
   }
   document["blockSha256"] = hashes;
   document["mandatory"] = offer_.mandatory;

@@ -279,7 +279,6 @@ static long long nowMs(void) {
   return (long long)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-
 /* Sleeps up to `ms` milliseconds; returns 1 when SIGINT/SIGTERM arrived
    meanwhile (the signal is consumed). Every wait of the main thread passes
    here, so this is where the television's state changes are noticed. */

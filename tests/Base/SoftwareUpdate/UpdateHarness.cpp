@@ -7,6 +7,7 @@
 
 #include "Platform/FileUtil.h"
 #include "Platform/JsonUtil.h"
+#include "tools/backend/UploadLedger.h"
 
 namespace LumTest {
 
@@ -71,15 +72,7 @@ std::string RandomBytes(size_t n) {
 }
 
 std::string Sha256Hex(const std::string& bytes) {
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  SHA256(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-  std::string hex;
-  char digits[3];
-  for (unsigned char c : digest) {
-    std::snprintf(digits, sizeof digits, "%02x", c);
-    hex += digits;
-  }
-  return hex;
+  return Lum::Tools::UploadLedger::Sha256Hex(bytes);
 }
 
 long long StoredVerifiedBytes(const std::string& persistentPath) {
