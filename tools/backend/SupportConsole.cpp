@@ -8,7 +8,9 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <exception>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -83,6 +85,11 @@ const char* SupportConsole::HelpText() {
          "                                    device (its version goes up by one)\n"
          "  drmp delete <NAME>                take the object NAME off the list\n"
          "  drmp reports                      the DRMP reports received so far\n"
+         "  update publish <FILE> <VERSION> [BLOCK_BYTES]\n"
+         "                                    offer FILE's bytes as update VERSION to\n"
+         "                                    every device (blocks of 65536 by default)\n"
+         "  update withdraw                   offer no update any more\n"
+         "  update completions                the confirmed downloads reported so far\n"
          "  help                              this text\n";
 }
 
@@ -212,6 +219,8 @@ void SupportConsole::execute(const std::string& line) {
           (arguments == "on" ? "on one line each\n" : "indented\n"));
   } else if (command == "drmp") {
     drmpCommand(arguments);
+  } else if (command == "update") {
+    updateCommand(arguments);
   } else if (command == "help") {
     print(HelpText());
   } else {
@@ -240,6 +249,48 @@ void SupportConsole::drmpCommand(const std::string& arguments) {
     print(list.empty() ? "no DRMP reports yet\n" : list);
   } else {
     print("usage: drmp put <NAME> <TEXT> | drmp delete <NAME> | drmp reports\n");
+  }
+}
+
+// The device sees the offer at its next metadata request (a source set by
+// the host, a "softwareupdate" event, or a restart).
+void SupportConsole::updateCommand(const std::string& arguments) {
+  std::string rest;
+  const std::string verb = FirstWord(arguments, &rest);
+  if (verb == "publish") {
+    std::string more;
+    const std::string file = FirstWord(rest, &more);
+    UpdateOffer offer;
+    offer.version = FirstWord(more, &more);
+    const std::string block = FirstWord(more, &more);
+    if (!block.empty()) {
+      offer.blockSize = static_cast<uint32_t>(std::strtoul(block.c_str(), nullptr, 10));
+    }
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    offer.payload = bytes.str();
+    if (file.empty() || offer.version.empty() || offer.blockSize == 0 || !in ||
+        offer.payload.empty()) {
+      print("usage: update publish <FILE> <VERSION> [BLOCK_BYTES] (a readable, non-empty file)\n");
+      return;
+    }
+    backend_.updates().publishUpdate(offer);
+    print("offering update " + offer.version + " (" + std::to_string(offer.payload.size()) +
+          " bytes)\n");
+  } else if (verb == "withdraw") {
+    backend_.updates().withdrawUpdate();
+    print("no update offered\n");
+  } else if (verb == "completions") {
+    std::string list;
+    for (const LumJson::Value& completion : backend_.updates().downloadCompletions()) {
+      list += Pretty(completion) + "\n";
+    }
+    print(list.empty() ? "no download completions yet\n" : list);
+  } else {
+    print(
+        "usage: update publish <FILE> <VERSION> [BLOCK_BYTES] | update withdraw | "
+        "update completions\n");
   }
 }
 

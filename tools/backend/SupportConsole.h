@@ -46,6 +46,7 @@ class SupportConsole {
   void listAnswers();
   void endSession(const std::string& arguments);
   void drmpCommand(const std::string& arguments);
+  void updateCommand(const std::string& arguments);
   void print(const std::string& text);
 
   Backend& backend_;
