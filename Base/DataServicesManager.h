@@ -49,6 +49,7 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
 
   DataServicesConfig* getDsConfigPtr() { return config_.get(); }
   void logStateDebug();
+  using Manager::logStatusInfo;  // the per-section override stays visible
   void logStatusInfo();
 
   static const char* MicroServiceToString(int microService);

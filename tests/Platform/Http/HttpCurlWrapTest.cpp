@@ -19,13 +19,16 @@ const CURLcode kRefusal = CURLE_NOT_BUILT_IN;
 
 extern "C" CURLcode __real_curl_easy_setopt(CURL* handle, CURLoption option, ...);
 
-extern "C" CURLcode __wrap_curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+// The option is taken as an int: va_start needs a parameter that does not
+// undergo promotion, and an enum may.
+extern "C" CURLcode __wrap_curl_easy_setopt(CURL* handle, int optionNumber, ...) {
+  const auto option = static_cast<CURLoption>(optionNumber);
   if (static_cast<int>(option) == failingOption.load()) {
     return kRefusal;
   }
   // The option number's range tells the type of its one argument.
   va_list args;
-  va_start(args, option);
+  va_start(args, optionNumber);
   CURLcode code;
   if (option < CURLOPTTYPE_OBJECTPOINT) {
     code = __real_curl_easy_setopt(handle, option, va_arg(args, long));
