@@ -146,7 +146,12 @@ void CheckSession(const std::string& dir) {
   LumJson::Value record(LumJson::objectValue);
   record["code"] = code;
   record["token"] = token;
-  FileUtil::Store(dir, "session", Lum::Core::JsonUtil::WriteCompact(record));
+  const std::string text = Lum::Core::JsonUtil::WriteCompact(record);
+  LumJson::Value back;
+  if (!Lum::Core::JsonUtil::ParseStrict(text, back) || back != record) {
+    return;  // not UTF-8: kept with U+FFFD, like every stored text
+  }
+  FileUtil::Store(dir, "session", text);
   std::string code2;
   std::string token2;
   if (!Lum::Sv::SupportViewManager::ReadSessionRecord(FileUtil::Load(dir, "session"), code2,
