@@ -129,7 +129,12 @@ void CheckSwVersion(const std::string& dir) {
   LumFuzz::ClearDir(dir);
   LumJson::Value record(LumJson::objectValue);
   record["swVersion"] = version;
-  FileUtil::Store(dir, "swVersion", Lum::Core::JsonUtil::WriteCompact(record));
+  const std::string text = Lum::Core::JsonUtil::WriteCompact(record);
+  LumJson::Value back;
+  if (!Lum::Core::JsonUtil::ParseStrict(text, back) || back != record) {
+    return;  // not UTF-8: kept with U+FFFD, like every stored text
+  }
+  FileUtil::Store(dir, "swVersion", text);
   if (Lum::Core::DeviceValues("{}", true, initial, dir).getSwVersion() != version) {
     Fail("swVersion: a stored version reads back differently");
   }
