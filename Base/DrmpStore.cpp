@@ -121,7 +121,7 @@ bool DrmpStore::loadIndex() {
     const LumJson::Value& objects = index["objects"];
     for (const std::string& name : objects.getMemberNames()) {
       const LumJson::Value& record = objects[name];
-      if (!DrmpDocument::IsValidName(name) || !record["version"].isString() ||
+      if (!DrmpDocument::IsValidName(name) || !record.isObject() || !record["version"].isString() ||
           !record["size"].isUInt64() || !record["sha256"].isString()) {
         usable = false;
         break;
