@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -163,10 +164,12 @@ ReadStatus ReadWhole(FileOperations& ops, const std::string& path, size_t maxByt
             path.c_str(), strerror(errno));
     return ReadStatus::kFailed;
   }
-  std::vector<char> chunk(kReadChunk);
+  // Not zeroed: most files are far smaller than a chunk, and each read says
+  // how much of it holds data.
+  const std::unique_ptr<char[]> chunk(new char[kReadChunk]);
   for (;;) {
     const size_t room = maxBytes - content->size();
-    ssize_t n = ops.read(fd, chunk.data(), room < chunk.size() ? room + 1 : chunk.size());
+    ssize_t n = ops.read(fd, chunk.get(), room < kReadChunk ? room + 1 : kReadChunk);
     if (n < 0) {
       LUM_LOG(FP::SERVICE_CORE, FP::CATEGORY_STATE, FP::SEVERITY_ERROR, "Cannot read %s: %s",
               path.c_str(), strerror(errno));
@@ -177,7 +180,7 @@ ReadStatus ReadWhole(FileOperations& ops, const std::string& path, size_t maxByt
     if (n == 0) {
       break;
     }
-    content->append(chunk.data(), static_cast<size_t>(n));
+    content->append(chunk.get(), static_cast<size_t>(n));
     if (content->size() > maxBytes) {
       ops.close(fd);
       content->clear();
