@@ -510,12 +510,14 @@ bool FileUtil::Drop(const std::string& directory, const std::string& name) {
   const Paths paths = MakePaths(directory, name);
   // Oldest first and the sidecar last: an interrupted Drop leaves either the
   // newest content, still vouched for, or nothing, but never brings back an
-  // older version.
+  // older version. A removal that fails stops the Drop there: going on would
+  // take the newest content and its sidecar and leave name.prev alone, which
+  // Load would then trust as a whole document.
   bool removed = false;
   bool clean = true;
   for (const std::string* path :
        {&paths.currentTemp, &paths.sidecarTemp, &paths.previous, &paths.current, &paths.sidecar}) {
-    clean = RemoveIfPresent(ops, *path, &removed) && clean;
+    clean = clean && RemoveIfPresent(ops, *path, &removed);
   }
   if (removed && !SyncDirectory(ops, paths.directory)) {
     return false;

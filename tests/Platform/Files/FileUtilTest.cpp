@@ -1,11 +1,13 @@
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string>
 
 #include "Platform/FileOperations.h"
 #include "Platform/FileUtil.h"
 #include "gtest/gtest.h"
+#include "support/FailingFileOperations.h"
 #include "support/LogCapture.h"
 #include "support/TestSupport.h"
 
@@ -208,6 +210,72 @@ TEST(FileUtil, FailedStepsKeepTheOldContent) {
       EXPECT_EQ(FileUtil::Load(dir.path(), "core"), "next");
       WriteFile(dir.file("core"), "damaged");
       EXPECT_EQ(FileUtil::Load(dir.path(), "core"), kept);
+    }
+  }
+}
+
+// Every system call of one Store, Replace or Drop failing in turn, with each
+// errno a full, failing or read-only disk gives: nothing older than the last
+// completed store ever comes back, the new content shows only once its final
+// rename is done, and the first clean call afterwards succeeds.
+TEST(FileUtil, EveryCallFailingInTurnKeepsTheNewestCompletedContent) {
+  const std::string older = R"({"v":"older"})", old = R"({"v":"old"})", fresh = R"({"v":"new"})";
+  using Call = std::function<bool(const std::string& dir, const std::string& content)>;
+  const struct {
+    const char* name;
+    Call call;
+    bool dropsAll;
+  } operations[] = {
+      {"Store", [](auto& dir, auto& text) { return FileUtil::Store(dir, "core", text); }, false},
+      {"Replace",
+       [](auto& dir, auto& text) { return FileUtil::Replace(dir, "core", "core.part", text); },
+       false},
+      {"Drop", [](auto& dir, auto&) { return FileUtil::Drop(dir, "core"); }, true},
+  };
+  auto load = [](const std::string& dir, bool sidecar) {
+    std::string text;
+    if (sidecar) return FileUtil::Load(dir, "core");
+    return FileUtil::ReadAll(dir, "core", 1024, text) ? text : std::string();
+  };
+  for (const auto& op : operations) {
+    const bool sidecar = std::string(op.name) != "Replace";
+    for (int error : {ENOSPC, EIO, EROFS}) {
+      int lastRename = 0;
+      for (int nth = 1;; ++nth) {
+        SCOPED_TRACE(testing::Message() << op.name << " call " << nth << " errno " << error);
+        TempDir dir;
+        for (const std::string* text : {&older, &old}) {
+          ASSERT_TRUE(sidecar ? FileUtil::Store(dir.path(), "core", *text)
+                              : FileUtil::Replace(dir.path(), "core", "core.part", *text));
+        }
+        LumTest::FailingFileOperations faulty;
+        faulty.failNth(nth, error);
+        bool done = false;
+        EXPECT_NO_THROW(done = op.call(dir.path(), fresh));
+        const std::vector<std::string> kinds = faulty.kinds();
+        const int calls = faulty.calls();
+        faulty.failNth(0, 0);
+        const std::string now = load(dir.path(), sidecar);
+        const std::string expected = op.dropsAll ? "" : fresh;
+        if (calls < nth) {  // completed without reaching the fault
+          EXPECT_TRUE(done);
+          EXPECT_EQ(now, expected);
+          EXPECT_GT(nth, 1);
+          break;
+        }
+        for (int i = 0; i < nth; ++i) lastRename = kinds[i] == "rename" ? i + 1 : lastRename;
+        // Before its last rename nothing has changed what loads.
+        const bool renamed = lastRename != 0 && nth > lastRename;
+        if (done) {
+          EXPECT_EQ(now, expected) << "success claimed";
+        } else {
+          EXPECT_TRUE(now == old || (now == expected && (renamed || op.dropsAll))) << now;
+        }
+        ASSERT_TRUE(op.call(dir.path(), fresh)) << "no recovery once the fault is gone";
+        EXPECT_EQ(load(dir.path(), sidecar), expected);
+        ASSERT_TRUE(FileUtil::Store(dir.path(), "core", older));
+        EXPECT_EQ(FileUtil::Load(dir.path(), "core"), older);
+      }
     }
   }
 }
