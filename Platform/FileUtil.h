@@ -106,9 +106,10 @@ class FileUtil {
 
  private:
   static Mutex& GetMutex();
-  static FileOperations& Operations();  // guarded by GetMutex()
+  static FileOperations& Operations() REQUIRES(GetMutex());  // guarded by GetMutex()
 
-  static FileOperations* operations_;  // guarded by GetMutex(); nullptr = POSIX
+  static FileOperations* operations_
+      GUARDED_BY(GetMutex());  // guarded by GetMutex(); nullptr = POSIX
 };
 
 }  // namespace Core
