@@ -60,12 +60,12 @@ class CollectorManager {
   void logStateDebugLocked() REQUIRES(mutex_);
 
   Core::Mutex mutex_;
-  bool initialized_ GUARDED_BY(mutex_) = false;             // guarded by mutex_
-  bool terminating_ GUARDED_BY(mutex_) = false;             // guarded by mutex_
-  bool pending_ GUARDED_BY(mutex_) = false;                 // guarded by mutex_
-  std::set<std::string> oldAllowedIds_ GUARDED_BY(mutex_);  // guarded by mutex_
-  std::set<std::string> newAllowedIds_ GUARDED_BY(mutex_);  // guarded by mutex_
-  Core::TimedSem sem_;                                      // bound to mutex_
+  bool initialized_ GUARDED_BY(mutex_) = false;
+  bool terminating_ GUARDED_BY(mutex_) = false;
+  bool pending_ GUARDED_BY(mutex_) = false;
+  std::set<std::string> oldAllowedIds_ GUARDED_BY(mutex_);
+  std::set<std::string> newAllowedIds_ GUARDED_BY(mutex_);
+  Core::TimedSem sem_;  // bound to mutex_
   // Filled by initialize before CollectorControl starts and emptied by
   // terminateEnd after it joined; in between only read, so CollectorControl
   // uses it without mutex_.

@@ -83,9 +83,8 @@ class Appender {
   std::unique_ptr<Format> format_;  // null when "format" names no known format
   int filter_[FilterProperties::SERVICE_COUNT][FilterProperties::CATEGORY_COUNT];
 
-  static AppenderMap* AllAppenders GUARDED_BY(AppenderMapMutex);  // guarded by AppenderMapMutex
-  static std::vector<Appender*>* DisplacedAppenders
-      GUARDED_BY(AppenderMapMutex);  // guarded by AppenderMapMutex
+  static AppenderMap* AllAppenders GUARDED_BY(AppenderMapMutex);
+  static std::vector<Appender*>* DisplacedAppenders GUARDED_BY(AppenderMapMutex);
 };
 
 }  // namespace Core

@@ -33,7 +33,7 @@ class Logger {
   Logger() = default;
 
   Mutex mutex_;
-  bool initialized_ GUARDED_BY(mutex_) = false;  // guarded by mutex_
+  bool initialized_ GUARDED_BY(mutex_) = false;
   // Mirrors initialized_ for the lock-free test(). Written under mutex_:
   // set after the appenders exist, cleared before they are deleted.
   std::atomic<bool> enabled_{false};
