@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Base/Collector.h"
+#include "Base/CoreMutex.h"
 #include "Base/Manager.h"
 #include "Platform/Mutex.h"
 #include "Platform/Thread.h"
@@ -30,16 +31,16 @@ class CollectorManager {
 
   // Creates the collectors and starts CollectorControl. Called with the core
   // mutex held.
-  void initialize(const Core::ManagerContext& context);
+  void initialize(const Core::ManagerContext& context) REQUIRES(Core::CoreMutex());
   // Hands over the allowed ids; CollectorControl acts on them later. Called
   // with the core mutex held.
-  void cascadeStateChanges(const std::set<std::string>& allowedIds);
+  void cascadeStateChanges(const std::set<std::string>& allowedIds) REQUIRES(Core::CoreMutex());
   // Called with the core mutex held.
-  void terminateBegin();
+  void terminateBegin() REQUIRES(Core::CoreMutex());
   // Joins CollectorControl, which stops every collector still running on its
   // way out, then deletes the collectors so the manager can be initialised
   // again. Called without the core mutex.
-  void terminateEnd();
+  void terminateEnd() EXCLUDES(mutex_, Core::CoreMutex());
   void logStateDebug();
 
  private:
@@ -56,15 +57,15 @@ class CollectorManager {
   void startCollectors(const std::vector<Collector*>& collectors,
                        const std::set<std::string>& next);
   void stopRunningCollectors();
-  void logStateDebugLocked();
+  void logStateDebugLocked() REQUIRES(mutex_);
 
   Core::Mutex mutex_;
-  bool initialized_ = false;             // guarded by mutex_
-  bool terminating_ = false;             // guarded by mutex_
-  bool pending_ = false;                 // guarded by mutex_
-  std::set<std::string> oldAllowedIds_;  // guarded by mutex_
-  std::set<std::string> newAllowedIds_;  // guarded by mutex_
-  Core::TimedSem sem_;                   // bound to mutex_
+  bool initialized_ GUARDED_BY(mutex_) = false;
+  bool terminating_ GUARDED_BY(mutex_) = false;
+  bool pending_ GUARDED_BY(mutex_) = false;
+  std::set<std::string> oldAllowedIds_ GUARDED_BY(mutex_);
+  std::set<std::string> newAllowedIds_ GUARDED_BY(mutex_);
+  Core::TimedSem sem_;  // bound to mutex_
   // Filled by initialize before CollectorControl starts and emptied by
   // terminateEnd after it joined; in between only read, so CollectorControl
   // uses it without mutex_.

@@ -25,7 +25,7 @@ void ControlLoop::Run(const ControlTexts& texts, int service, Mutex& mutex, Time
   LockMutex lock(&mutex);
   bool running = true;
   while (running) {
-    if (!ExceptionBarrier::Run(texts.name, [&] {
+    if (!ExceptionBarrier::Run(texts.name, [&]() REQUIRES(mutex) {
           running = runOnce(texts, service, mutex, delaySem, cycle, cancel);
         })) {
       // Whatever threw (a hostile answer, an exhausted heap) may throw again

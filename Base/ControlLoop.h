@@ -5,11 +5,12 @@
 #include <string>
 
 #include "Platform/Http.h"
+#include "Platform/Mutex.h"
+#include "Platform/ThreadSafety.h"
 
 namespace Lum {
 namespace Core {
 
-class Mutex;
 class TimedSem;
 
 // What one control thread writes to the log. Every line starts with the
@@ -35,7 +36,8 @@ struct ControlTexts {
 
 // One manager's scheduled conversation with the back end, as seen by one of
 // its control threads. Every function is called with the owner's mutex
-// held.
+// held; the loop only knows that mutex as a parameter, so the overrides say
+// REQUIRES on it themselves.
 class ControlCycle {
  public:
   enum class Step { Stop, Call, WaitUntil, WaitForever };
@@ -87,19 +89,19 @@ class ControlLoop {
   // Every transfer ends early once `cancel` is set (the agent stopping),
   // unless the cycle names a flag of its own for it.
   static void Run(const ControlTexts& texts, int service, Mutex& mutex, TimedSem& delaySem,
-                  ControlCycle& cycle, const std::atomic<bool>& cancel);
+                  ControlCycle& cycle, const std::atomic<bool>& cancel) EXCLUDES(mutex);
 
  private:
   // One wait or one call; called and returning with the mutex held. False
   // once the cycle says stop.
   static bool runOnce(const ControlTexts& texts, int service, Mutex& mutex, TimedSem& delaySem,
-                      ControlCycle& cycle, const std::atomic<bool>& cancel);
+                      ControlCycle& cycle, const std::atomic<bool>& cancel) REQUIRES(mutex);
   static void waitUntil(const ControlTexts& texts, int service, TimedSem& delaySem,
                         ControlCycle& cycle, const timespec& deadline, long long remainingMs);
   static void waitForever(const ControlTexts& texts, int service, TimedSem& delaySem,
                           ControlCycle& cycle);
   static void call(const ControlTexts& texts, int service, Mutex& mutex, ControlCycle& cycle,
-                   const std::atomic<bool>& cancel);
+                   const std::atomic<bool>& cancel) REQUIRES(mutex);
 };
 
 }  // namespace Core

@@ -68,7 +68,14 @@ CoreManager* CoreManager::Instance() {
   return instance;
 }
 
+Mutex& CoreMutex() {
+  return CoreManager::Instance()->getMutex();
+}
+
 CoreManager::CoreManager() : statusSem_(true, mutex_) {
+  // Uncontended, as no other thread knows the manager yet; taken so that
+  // the log reads the state the way every other reader does.
+  LockMutex lock(&getMutex());
   logStatusInfo();
 }
 
@@ -89,7 +96,7 @@ void CoreManager::registerManagers() {
 unsigned CoreManager::initialize(const char* identity, const char* config, const char* device) {
   LUM_TRACE(kCore);
   {
-    LockMutex lock(&mutex_);
+    LockMutex lock(&CoreMutex());
     reapTermination();
     if (state_ == Initialized) {
       return LUM_RESULT_REFUSED;
@@ -101,7 +108,8 @@ unsigned CoreManager::initialize(const char* identity, const char* config, const
     abandoning_ = false;
     timeFileLoaded_ = false;
     transfersCancelled_.store(false);
-    if (ExceptionBarrier::Run("LumInit", [&] { startAgent(identity, config, device); })) {
+    if (ExceptionBarrier::Run(
+            "LumInit", [&]() REQUIRES(CoreMutex()) { startAgent(identity, config, device); })) {
       return LUM_RESULT_SUCCESS;
     }
     // Nothing half-built may stay behind: whatever started is stopped the
@@ -167,7 +175,7 @@ void CoreManager::startAgent(const char* identity, const char* config, const cha
 unsigned CoreManager::terminate(bool factoryReset) {
   LUM_TRACE(kCore);
   {
-    LockMutex lock(&mutex_);
+    LockMutex lock(&CoreMutex());
     const unsigned refusal = refusalUnlessRunning();
     if (refusal != LUM_RESULT_SUCCESS) {
       return refusal;
@@ -217,7 +225,7 @@ void CoreManager::runTermination(bool onTerminateThread) {
   // Read under the mutex: a failed start may not have built the values.
   Thread* stateControl = nullptr;
   {
-    LockMutex lock(&mutex_);
+    LockMutex lock(&CoreMutex());
     stateControl = volatile_ != nullptr ? &volatile_->stateControlThread : nullptr;
   }
   if (stateControl != nullptr) {
@@ -225,13 +233,14 @@ void CoreManager::runTermination(bool onTerminateThread) {
   }
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Performing Core cleanup");
 
-  LockMutex lock(&mutex_);
-  ExceptionBarrier::Run("TerminateThread", [this] { storeOrDropCoreFiles(); });
+  LockMutex lock(&CoreMutex());
+  ExceptionBarrier::Run("TerminateThread",
+                        [this]() REQUIRES(CoreMutex()) { storeOrDropCoreFiles(); });
   ExceptionBarrier::Run("TerminateThread", [] {
     Http::Terminate();
     RandomUtil::Cleanup();
   });
-  ExceptionBarrier::Run("TerminateThread", [this] { releaseCoreValues(); });
+  ExceptionBarrier::Run("TerminateThread", [this]() REQUIRES(CoreMutex()) { releaseCoreValues(); });
   if (onTerminateThread) {
     // State 0 tells the host that it may unload the library, so it is
     // reported only once this thread has been joined (reapTermination):
@@ -434,7 +443,7 @@ void* CoreManager::StateControl(void* arg) {
     texts.delayNamesCall = true;
     return texts;
   }();
-  ControlLoop::Run(kTexts, kCore, self->mutex_, *self->delaySem_, *self, self->transfersCancelled_);
+  ControlLoop::Run(kTexts, kCore, CoreMutex(), *self->delaySem_, *self, self->transfersCancelled_);
   return nullptr;
 }
 
@@ -628,7 +637,7 @@ void CoreManager::setRequestIdentity(Http::Request& request) {
 
 unsigned CoreManager::enableTestMode() {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
+  LockMutex lock(&CoreMutex());
   const unsigned refusal = refusalUnlessRunning();
   if (refusal != LUM_RESULT_SUCCESS) {
     return refusal;
@@ -645,7 +654,7 @@ unsigned CoreManager::enableTestMode() {
 
 unsigned CoreManager::checkForSoftwareUpdate() {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
+  LockMutex lock(&CoreMutex());
   const unsigned refusal = refusalUnlessRunning();
   if (refusal != LUM_RESULT_SUCCESS) {
     return refusal;
@@ -677,7 +686,7 @@ void CoreManager::retireGidToken() {
 
 unsigned CoreManager::supervisorLog(int severity, const std::string& text) {
   {
-    LockMutex lock(&mutex_);
+    LockMutex lock(&CoreMutex());
     reapTermination();
     if (state_ != Initialized) {
       return LUM_RESULT_NOT_INITIALIZED;
@@ -702,7 +711,7 @@ void CoreManager::signalStatusChange() {
 
 unsigned CoreManager::getStatus(LumStatusMethod method, LumStatus* status) {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
+  LockMutex lock(&CoreMutex());
   if (method == LumStatusMethodOnChange) {
     statusSem_.takeLocked();
   }
@@ -737,7 +746,7 @@ void CoreManager::fillStatus(LumStatus* status) {
 
 unsigned CoreManager::freeStatus(LumStatus* status) {
   LUM_TRACE(kCore);
-  LockMutex lock(&mutex_);
+  LockMutex lock(&CoreMutex());
   FreeText(status->sdkVersion);
   FreeText(status->deviceId);
   FreeText(status->certOpid);

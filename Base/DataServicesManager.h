@@ -38,19 +38,19 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
 
   static DataServicesManager* Instance();
 
-  void initialize(const Core::ManagerContext& context) override;
-  void cascadeStateChanges() override;
-  void terminateBegin() override;
-  void terminateEnd() override;
+  void initialize(const Core::ManagerContext& context) REQUIRES(Core::CoreMutex()) override;
+  void cascadeStateChanges() REQUIRES(Core::CoreMutex()) override;
+  void terminateBegin() REQUIRES(Core::CoreMutex()) override;
+  void terminateEnd() EXCLUDES(Core::CoreMutex()) override;
   const char* waitName() const override { return "Data Services"; }
 
   // Behind LumSubmitDataItem; takes the core mutex itself.
-  unsigned submitDataItem(const char* item);
+  unsigned submitDataItem(const char* item) EXCLUDES(Core::CoreMutex());
 
-  DataServicesConfig* getDsConfigPtr() { return config_.get(); }
-  void logStateDebug();
+  DataServicesConfig* getDsConfigPtr() REQUIRES(Core::CoreMutex()) { return config_.get(); }
+  void logStateDebug() REQUIRES(Core::CoreMutex());
   using Manager::logStatusInfo;  // the per-section override stays visible
-  void logStatusInfo();
+  void logStatusInfo() REQUIRES(Core::CoreMutex());
 
   static const char* MicroServiceToString(int microService);
   static const char* UploadStateToString(int state);
@@ -59,54 +59,59 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   DataServicesManager();
 
   // ControlCycle: the upload schedule, run by UploadControl.
-  Step nextStep(timespec& deadline) override;
-  std::string nextCallName() override;
-  void prepMicroService(Core::Http::Request& request) override;
-  void postMicroService(Core::Http::Response& response) override;
-  void waitStarted() override { uploadWaiting_ = true; }
-  void waitEnded(WaitOutcome /*outcome*/) override { uploadWaiting_ = false; }
+  Step nextStep(timespec& deadline) REQUIRES(Core::CoreMutex()) override;
+  std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
+  void prepMicroService(Core::Http::Request& request) REQUIRES(Core::CoreMutex()) override;
+  void postMicroService(Core::Http::Response& response) REQUIRES(Core::CoreMutex()) override;
+  void waitStarted() REQUIRES(Core::CoreMutex()) override { uploadWaiting_ = true; }
+  void waitEnded(WaitOutcome /*outcome*/) REQUIRES(Core::CoreMutex()) override {
+    uploadWaiting_ = false;
+  }
 
   static void* UploadControl(void* arg);
-  UploadState chooseUploadState() const;
-  void computeDeadline();
-  void getDelay(UploadState state, unsigned& fixedMs, unsigned& variedMs) const;
-  std::string buildTokenRequestBody();
-  void getResponseBody(const std::string& body);
-  void handleFailure(MicroService ms, const Core::Http::Response& response);
-  void releasePackage();
-  void installAllowedIds();
-  void loadTimeFile();
-  void storeTimeFile();
-  void loadQueueFile();
-  void storeQueueFile();
-  size_t queueFileLimit() const;
-  bool isTerminating() const;
+  UploadState chooseUploadState() const REQUIRES(Core::CoreMutex());
+  void computeDeadline() REQUIRES(Core::CoreMutex());
+  void getDelay(UploadState state, unsigned& fixedMs, unsigned& variedMs) const
+      REQUIRES(Core::CoreMutex());
+  std::string buildTokenRequestBody() REQUIRES(Core::CoreMutex());
+  void getResponseBody(const std::string& body) REQUIRES(Core::CoreMutex());
+  void handleFailure(MicroService ms, const Core::Http::Response& response)
+      REQUIRES(Core::CoreMutex());
+  void releasePackage() REQUIRES(Core::CoreMutex());
+  void installAllowedIds() REQUIRES(Core::CoreMutex());
+  void loadTimeFile() REQUIRES(Core::CoreMutex());
+  void storeTimeFile() REQUIRES(Core::CoreMutex());
+  void loadQueueFile() REQUIRES(Core::CoreMutex());
+  void storeQueueFile() REQUIRES(Core::CoreMutex());
+  size_t queueFileLimit() const REQUIRES(Core::CoreMutex());
+  bool isTerminating() const REQUIRES(Core::CoreMutex());
 
   const std::string timeFileName_ = "dsTime";
   const std::string queueFileName_ = "data";
 
-  std::unique_ptr<DataServicesConfig> config_;
-  std::unique_ptr<QueueManager> queue_;
-  Core::CoreConfig* coreConfig_ = nullptr;        // not owned
-  Core::PersistentValues* persistent_ = nullptr;  // not owned
-  UploadState uploadState_ = Idle;
-  MicroService microService_ = GetUploadToken;  // the call prepared last
-  std::string uploadToken_;
-  std::string uploadRegion_;
-  bool uploadBusy_ = false;
-  bool uploadWaiting_ = false;
-  bool uploadRetry_ = false;
-  bool uploadStartupDelay_ = false;
+  std::unique_ptr<DataServicesConfig> config_ GUARDED_BY(Core::CoreMutex());
+  std::unique_ptr<QueueManager> queue_ GUARDED_BY(Core::CoreMutex());
+  Core::CoreConfig* coreConfig_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;        // not owned
+  Core::PersistentValues* persistent_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;  // not owned
+  UploadState uploadState_ GUARDED_BY(Core::CoreMutex()) = Idle;
+  MicroService microService_ GUARDED_BY(Core::CoreMutex()) =
+      GetUploadToken;  // the call prepared last
+  std::string uploadToken_ GUARDED_BY(Core::CoreMutex());
+  std::string uploadRegion_ GUARDED_BY(Core::CoreMutex());
+  bool uploadBusy_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool uploadWaiting_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool uploadRetry_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool uploadStartupDelay_ GUARDED_BY(Core::CoreMutex()) = false;
   // "dsTime" and "data" were read at start, so storing them at the end loses
   // nothing; a start that failed before that leaves them as they are.
-  bool filesLoaded_ = false;
+  bool filesLoaded_ GUARDED_BY(Core::CoreMutex()) = false;
   // The stored "data" still holds items that have not left the agent.
-  bool storedQueueLive_ = false;
-  timespec lastUpload_{};  // monotonic
+  bool storedQueueLive_ GUARDED_BY(Core::CoreMutex()) = false;
+  timespec lastUpload_ GUARDED_BY(Core::CoreMutex()){};  // monotonic
   // The end of the current wait, computed once per wait state so that a
   // random jitter is drawn once and a time-out leads straight to the call.
-  bool deadlineSet_ = false;
-  timespec deadline_{};
+  bool deadlineSet_ GUARDED_BY(Core::CoreMutex()) = false;
+  timespec deadline_ GUARDED_BY(Core::CoreMutex()){};
   Core::TimedSem sem_;  // bound to the core mutex
   Core::Thread thread_;
 };

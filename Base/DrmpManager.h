@@ -47,15 +47,15 @@ class DrmpManager : public Core::Manager, private Core::ControlCycle {
 
   static DrmpManager* Instance();
 
-  void initialize(const Core::ManagerContext& context) override;
-  void cascadeStateChanges() override;
-  void terminateBegin() override;
-  void terminateEnd() override;
+  void initialize(const Core::ManagerContext& context) REQUIRES(Core::CoreMutex()) override;
+  void cascadeStateChanges() REQUIRES(Core::CoreMutex()) override;
+  void terminateBegin() REQUIRES(Core::CoreMutex()) override;
+  void terminateEnd() EXCLUDES(Core::CoreMutex()) override;
   const char* waitName() const override { return "DRMP"; }
 
   // Behind LumCheckForDrmpUpdate; takes the core mutex. A check already
   // running is followed by another one.
-  unsigned checkForDrmpUpdate();
+  unsigned checkForDrmpUpdate() EXCLUDES(Core::CoreMutex());
 
   static const char* MicroServiceToString(int microService);
 
@@ -65,54 +65,56 @@ class DrmpManager : public Core::Manager, private Core::ControlCycle {
   DrmpManager();
 
   // ControlCycle, run by DrmpControl.
-  Step nextStep(timespec& deadline) override;
-  std::string nextCallName() override;
-  void prepMicroService(Core::Http::Request& request) override;
-  void prepResponse(Core::Http::Response& response) override;
-  void postMicroService(Core::Http::Response& response) override;
-  void waitStarted() override { waiting_ = true; }
-  void waitEnded(WaitOutcome /*outcome*/) override { waiting_ = false; }
+  Step nextStep(timespec& deadline) REQUIRES(Core::CoreMutex()) override;
+  std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
+  void prepMicroService(Core::Http::Request& request) REQUIRES(Core::CoreMutex()) override;
+  void prepResponse(Core::Http::Response& response) REQUIRES(Core::CoreMutex()) override;
+  void postMicroService(Core::Http::Response& response) REQUIRES(Core::CoreMutex()) override;
+  void waitStarted() REQUIRES(Core::CoreMutex()) override { waiting_ = true; }
+  void waitEnded(WaitOutcome /*outcome*/) REQUIRES(Core::CoreMutex()) override { waiting_ = false; }
 
   static void* DrmpControl(void* arg);
-  bool isTerminating() const;
-  bool registered() const;
-  MicroService currentCall() const;
+  bool isTerminating() const REQUIRES(Core::CoreMutex());
+  bool registered() const REQUIRES(Core::CoreMutex());
+  MicroService currentCall() const REQUIRES(Core::CoreMutex());
   // Skips objects that cannot be fetched (no room); false when none is left.
-  bool nextObjectToFetch();
-  void takeList(const Core::Http::Response& response);
-  void planRound(const std::vector<DrmpEntry>& entries, const std::vector<DrmpRefusal>& refused);
-  void takeObject(const Core::Http::Response& response);
-  void deleteUnlisted();
-  void endRound();
-  void resetRound();
-  void fail(const std::string& name, const std::string& reason);
-  void handleFailure(const Core::Http::Response& response);
-  std::string buildReport() const;
+  bool nextObjectToFetch() REQUIRES(Core::CoreMutex());
+  void takeList(const Core::Http::Response& response) REQUIRES(Core::CoreMutex());
+  void planRound(const std::vector<DrmpEntry>& entries, const std::vector<DrmpRefusal>& refused)
+      REQUIRES(Core::CoreMutex());
+  void takeObject(const Core::Http::Response& response) REQUIRES(Core::CoreMutex());
+  void deleteUnlisted() REQUIRES(Core::CoreMutex());
+  void endRound() REQUIRES(Core::CoreMutex());
+  void resetRound() REQUIRES(Core::CoreMutex());
+  void fail(const std::string& name, const std::string& reason) REQUIRES(Core::CoreMutex());
+  void handleFailure(const Core::Http::Response& response) REQUIRES(Core::CoreMutex());
+  std::string buildReport() const REQUIRES(Core::CoreMutex());
 
-  std::unique_ptr<DrmpConfig> config_;
+  std::unique_ptr<DrmpConfig> config_ GUARDED_BY(Core::CoreMutex());
   std::unique_ptr<DrmpStore> store_;
-  Core::CoreConfig* coreConfig_ = nullptr;        // not owned
-  Core::ProductIdentity* identity_ = nullptr;     // not owned
-  Core::PersistentValues* persistent_ = nullptr;  // not owned
+  Core::CoreConfig* coreConfig_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;        // not owned
+  Core::ProductIdentity* identity_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;     // not owned
+  Core::PersistentValues* persistent_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;  // not owned
 
-  bool terminating_ = false;
-  bool waiting_ = false;
-  bool waitingForToken_ = false;  // the wait is for a GID token
-  bool checkRequested_ = false;
-  Phase phase_ = Idle;
-  MicroService prepared_ = GetObjects;  // the call prepared last
-  timespec nextCheck_{};                // monotonic
-  unsigned retries_ = 0;
-  bool retryWanted_ = false;  // this round met a failure worth repeating
+  bool terminating_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool waiting_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool waitingForToken_ GUARDED_BY(Core::CoreMutex()) = false;  // the wait is for a GID token
+  bool checkRequested_ GUARDED_BY(Core::CoreMutex()) = false;
+  Phase phase_ GUARDED_BY(Core::CoreMutex()) = Idle;
+  MicroService prepared_ GUARDED_BY(Core::CoreMutex()) = GetObjects;  // the call prepared last
+  timespec nextCheck_ GUARDED_BY(Core::CoreMutex()){};                // monotonic
+  unsigned retries_ GUARDED_BY(Core::CoreMutex()) = 0;
+  bool retryWanted_ GUARDED_BY(Core::CoreMutex()) =
+      false;  // this round met a failure worth repeating
 
   // The round in progress.
-  std::vector<DrmpEntry> toFetch_;
-  size_t fetchIndex_ = 0;
-  std::set<std::string> listed_;
-  LumJson::Value installedReport_{LumJson::arrayValue};
-  LumJson::Value deletedReport_{LumJson::arrayValue};
-  LumJson::Value failedReport_{LumJson::arrayValue};
-  LumJson::Value keptReport_{LumJson::arrayValue};
+  std::vector<DrmpEntry> toFetch_ GUARDED_BY(Core::CoreMutex());
+  size_t fetchIndex_ GUARDED_BY(Core::CoreMutex()) = 0;
+  std::set<std::string> listed_ GUARDED_BY(Core::CoreMutex());
+  LumJson::Value installedReport_ GUARDED_BY(Core::CoreMutex()){LumJson::arrayValue};
+  LumJson::Value deletedReport_ GUARDED_BY(Core::CoreMutex()){LumJson::arrayValue};
+  LumJson::Value failedReport_ GUARDED_BY(Core::CoreMutex()){LumJson::arrayValue};
+  LumJson::Value keptReport_ GUARDED_BY(Core::CoreMutex()){LumJson::arrayValue};
   // The body of the answer being received, sized to its limit.
   std::vector<uint8_t> body_;
 

@@ -86,8 +86,7 @@ void* EventManager::EventControl(void* arg) {
 
 void EventManager::runEvents() {
   LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "EventControl started");
-  Mutex& mutex = CoreManager::Instance()->getMutex();
-  LockMutex lock(&mutex);
+  LockMutex lock(&CoreMutex());
   for (;;) {
     while (queue_.empty() && !terminating_) {
       sem_.takeLocked();
@@ -101,7 +100,7 @@ void EventManager::runEvents() {
     const Handler sessionStarter = sessionStarter_;
     const Handler updateSetter = updateSourceSetter_;
     const std::string consentUrl = persistent_ != nullptr ? persistent_->getDaConsentUrl() : "";
-    UnlockMutex unlocked(mutex);
+    UnlockMutex unlocked(CoreMutex());
     // One failing action must not end the thread and with it every later
     // event.
     ExceptionBarrier::Run("EventControl",

@@ -28,19 +28,20 @@ class EventManager : public Manager {
 
   static EventManager* Instance();
 
-  void initialize(const ManagerContext& context) override;
-  void terminateBegin() override;
-  void terminateEnd() override;
+  void initialize(const ManagerContext& context) REQUIRES(CoreMutex()) override;
+  void terminateBegin() REQUIRES(CoreMutex()) override;
+  void terminateEnd() EXCLUDES(CoreMutex()) override;
   const char* waitName() const override { return "EventManager"; }
 
   // Called with the core mutex held.
-  void queueEvent(const std::string& event, uint32_t id, const std::string& parameters);
+  void queueEvent(const std::string& event, uint32_t id, const std::string& parameters)
+      REQUIRES(CoreMutex());
 
   // Wires "startsvsession" and "softwareupdate" to the managers that act on
   // them; an unwired event is suppressed or ignored. Called with the core
   // mutex held, before the managers start.
-  void setSessionStarter(Handler handler);
-  void setUpdateSourceSetter(Handler handler);
+  void setSessionStarter(Handler handler) REQUIRES(CoreMutex());
+  void setUpdateSourceSetter(Handler handler) REQUIRES(CoreMutex());
 
   // Shows the consent page in the device's browser, for an https URL only;
   // returns the browser's pid, or -1 when it was not started. The browser is
@@ -56,17 +57,17 @@ class EventManager : public Manager {
 
   EventManager();
   static void* EventControl(void* arg);
-  void runEvents();
+  void runEvents() EXCLUDES(CoreMutex());
   void perform(const Event& event, const Handler& sessionStarter, const Handler& updateSetter,
                const std::string& consentUrl);
 
   Thread thread_;
   BinarySem sem_;
-  std::deque<Event> queue_;
-  bool terminating_ = false;
-  PersistentValues* persistent_ = nullptr;
-  Handler sessionStarter_;
-  Handler updateSourceSetter_;
+  std::deque<Event> queue_ GUARDED_BY(CoreMutex());
+  bool terminating_ GUARDED_BY(CoreMutex()) = false;
+  PersistentValues* persistent_ GUARDED_BY(CoreMutex()) PT_GUARDED_BY(CoreMutex()) = nullptr;
+  Handler sessionStarter_ GUARDED_BY(CoreMutex());
+  Handler updateSourceSetter_ GUARDED_BY(CoreMutex());
 };
 
 }  // namespace Core

@@ -60,7 +60,7 @@ class Injector {
   // duration is waited out, so slow answers on one thread do not hold up
   // others.
   Mutex mutex_;
-  std::vector<Entry> entries_;  // guarded by mutex_
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
 };
 
 }  // namespace Core

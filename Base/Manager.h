@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "Base/CoreMutex.h"
+
 namespace Lum {
 namespace Core {
 
@@ -31,28 +33,28 @@ class Manager {
   virtual ~Manager() = default;
 
   // Starts the manager's worker threads. Called with the core mutex held.
-  virtual void initialize(const ManagerContext& context) = 0;
+  virtual void initialize(const ManagerContext& context) REQUIRES(CoreMutex()) = 0;
   // Re-evaluates the manager's own schedule after a core change. Called with
   // the core mutex held.
-  virtual void cascadeStateChanges() {}
+  virtual void cascadeStateChanges() REQUIRES(CoreMutex()) {}
   // Sets the manager's terminating flag and wakes its threads. Called with
   // the core mutex held.
-  virtual void terminateBegin() = 0;
+  virtual void terminateBegin() REQUIRES(CoreMutex()) = 0;
   // Joins the manager's threads. Called without the core mutex, from the
   // terminate thread.
-  virtual void terminateEnd() = 0;
+  virtual void terminateEnd() EXCLUDES(CoreMutex()) = 0;
   // The name the terminate thread logs while it waits ("Waiting for %s").
   virtual const char* waitName() const = 0;
 
   // Fills the manager's own fields of the host's status record, which
   // holds the values of a stopped agent until then; only while the agent
   // runs. Called with the core mutex held.
-  virtual void getStatus(LumStatus& /*status*/) {}
+  virtual void getStatus(LumStatus& /*status*/) REQUIRES(CoreMutex()) {}
   // The status block lists the core's values, the session's, the device's
   // software version and the update's; a manager writes its own lines into
   // the section that holds them. Called with the core mutex held.
   enum class StatusSection { BeforeSoftwareVersion, AfterSoftwareVersion };
-  virtual void logStatusInfo(StatusSection /*section*/) {}
+  virtual void logStatusInfo(StatusSection /*section*/) REQUIRES(CoreMutex()) {}
 };
 
 }  // namespace Core

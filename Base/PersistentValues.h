@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "Base/CoreMutex.h"
 #include "Platform/LumJson.h"
 
 namespace Lum {
@@ -258,7 +259,7 @@ class PersistentValues {
   void unregisterDeviceInfoCollector();
   // When the device description changed since the last check, wakes the
   // registered collector once, so the change is reported once.
-  void checkDeviceInfoCollector();
+  void checkDeviceInfoCollector() REQUIRES(Core::CoreMutex());
 
   void logStateDebug() const;
 
@@ -306,7 +307,7 @@ class PersistentValues {
   }
   bool changeDeviceInfo(std::string& member, const std::string& value, bool reported);
   // Hands the change to the registered collector (its wake()).
-  void wakeDeviceInfoCollector();
+  void wakeDeviceInfoCollector() REQUIRES(Core::CoreMutex());
 
   // All guarded by the core manager's mutex (see the class comment).
   std::string gidToken_;

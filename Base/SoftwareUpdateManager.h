@@ -57,20 +57,21 @@ class SoftwareUpdateManager : public Core::Manager, private Core::ControlCycle {
 
   static SoftwareUpdateManager* Instance();
 
-  void initialize(const Core::ManagerContext& context) override;
-  void cascadeStateChanges() override;
-  void terminateBegin() override;
-  void terminateEnd() override;
+  void initialize(const Core::ManagerContext& context) REQUIRES(Core::CoreMutex()) override;
+  void cascadeStateChanges() REQUIRES(Core::CoreMutex()) override;
+  void terminateBegin() REQUIRES(Core::CoreMutex()) override;
+  void terminateEnd() EXCLUDES(Core::CoreMutex()) override;
   const char* waitName() const override { return "Software Update"; }
-  void getStatus(LumStatus& status) override;
-  void logStatusInfo(StatusSection section) override;
+  void getStatus(LumStatus& status) REQUIRES(Core::CoreMutex()) override;
+  void logStatusInfo(StatusSection section) REQUIRES(Core::CoreMutex()) override;
 
   // Behind LumSetSoftwareUpdateSource and the "softwareupdate" event, and
   // LumSetSoftwareUpdatePermission; both take the core mutex.
-  unsigned setSource(unsigned source, const std::string& location, bool explicitCall);
-  unsigned setPermission(unsigned permission);
+  unsigned setSource(unsigned source, const std::string& location, bool explicitCall)
+      EXCLUDES(Core::CoreMutex());
+  unsigned setPermission(unsigned permission) EXCLUDES(Core::CoreMutex());
 
-  void logStateDebug();
+  void logStateDebug() REQUIRES(Core::CoreMutex());
   static const char* MicroServiceToString(int microService);
 
  private:
@@ -120,70 +121,71 @@ class SoftwareUpdateManager : public Core::Manager, private Core::ControlCycle {
 
   static void* UpdateControl(void* arg);
   // ControlCycle.
-  Step nextStep(timespec& deadline) override;
-  std::string nextCallName() override;
-  void prepMicroService(Core::Http::Request& request) override;
+  Step nextStep(timespec& deadline) REQUIRES(Core::CoreMutex()) override;
+  std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
+  void prepMicroService(Core::Http::Request& request) REQUIRES(Core::CoreMutex()) override;
   void perform(Core::Http::Request& request, Core::Http::Response& response) override;
-  void postMicroService(Core::Http::Response& response) override;
-  void waitStarted() override { waiting_ = true; }
-  void waitEnded(WaitOutcome /*outcome*/) override { waiting_ = false; }
+  void postMicroService(Core::Http::Response& response) REQUIRES(Core::CoreMutex()) override;
+  void waitStarted() REQUIRES(Core::CoreMutex()) override { waiting_ = true; }
+  void waitEnded(WaitOutcome /*outcome*/) REQUIRES(Core::CoreMutex()) override { waiting_ = false; }
   Core::Http::Request* keptRequest() override { return &request_; }
 
-  MicroService chooseWork();
+  MicroService chooseWork() REQUIRES(Core::CoreMutex());
   void performMetadata(Core::Http::Request& request, Core::Http::Response& response);
   void performBlock(Core::Http::Request& request, Core::Http::Response& response);
   void performCheck();
-  void postMetadata();
-  void postBlock();
-  void postCheck();
-  void postComplete(const Core::Http::Response& response);
-  bool openOffer(const std::string& envelope, Offer& offer, std::string& why) const;
-  void retryOrFail(uint32_t maxRetries, uint32_t fixedMs, uint32_t variedMs,
-                   const std::string& why);
-  void fail(const std::string& why);
-  void setState(LumSoftwareUpdateState state);
-  void wake();
-  std::string apiUrl(const std::string& path) const;
-  uint64_t pieceLimit() const;
-  unsigned percent() const;
-  void updatePercent();
-  void loadState();
-  void storeState();
-  bool isTerminating() const;
+  void postMetadata() REQUIRES(Core::CoreMutex());
+  void postBlock() REQUIRES(Core::CoreMutex());
+  void postCheck() REQUIRES(Core::CoreMutex());
+  void postComplete(const Core::Http::Response& response) REQUIRES(Core::CoreMutex());
+  bool openOffer(const std::string& envelope, Offer& offer, std::string& why) const
+      REQUIRES(Core::CoreMutex());
+  void retryOrFail(uint32_t maxRetries, uint32_t fixedMs, uint32_t variedMs, const std::string& why)
+      REQUIRES(Core::CoreMutex());
+  void fail(const std::string& why) REQUIRES(Core::CoreMutex());
+  void setState(LumSoftwareUpdateState state) REQUIRES(Core::CoreMutex());
+  void wake() REQUIRES(Core::CoreMutex());
+  std::string apiUrl(const std::string& path) const REQUIRES(Core::CoreMutex());
+  uint64_t pieceLimit() const REQUIRES(Core::CoreMutex());
+  unsigned percent() const REQUIRES(Core::CoreMutex());
+  void updatePercent() REQUIRES(Core::CoreMutex());
+  void loadState() REQUIRES(Core::CoreMutex());
+  void storeState() REQUIRES(Core::CoreMutex());
+  bool isTerminating() const REQUIRES(Core::CoreMutex());
 
-  std::unique_ptr<SoftwareUpdateConfig> config_;
-  Core::CoreConfig* coreConfig_ = nullptr;        // not owned
-  Core::ProductIdentity* identity_ = nullptr;     // not owned
-  Core::PersistentValues* persistent_ = nullptr;  // not owned
+  std::unique_ptr<SoftwareUpdateConfig> config_ GUARDED_BY(Core::CoreMutex());
+  Core::CoreConfig* coreConfig_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;        // not owned
+  Core::ProductIdentity* identity_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;     // not owned
+  Core::PersistentValues* persistent_ PT_GUARDED_BY(Core::CoreMutex()) = nullptr;  // not owned
 
-  Source source_ = SourceNetwork;
-  std::string localLocation_;
-  std::string networkMetadata_;
-  Permission permission_ = PermissionNone;
-  LumSoftwareUpdateState state_ = LumSoftwareUpdateNotAvailable;
-  Offer offer_;
+  Source source_ GUARDED_BY(Core::CoreMutex()) = SourceNetwork;
+  std::string localLocation_ GUARDED_BY(Core::CoreMutex());
+  std::string networkMetadata_ GUARDED_BY(Core::CoreMutex());
+  Permission permission_ GUARDED_BY(Core::CoreMutex()) = PermissionNone;
+  LumSoftwareUpdateState state_ GUARDED_BY(Core::CoreMutex()) = LumSoftwareUpdateNotAvailable;
+  Offer offer_ GUARDED_BY(Core::CoreMutex());
   // Payload bytes from the start of the staging file that matched their
   // block hashes and are on the disk; only whole blocks count.
-  uint64_t verified_ = 0;
+  uint64_t verified_ GUARDED_BY(Core::CoreMutex()) = 0;
   // Bytes of the block being assembled that are written but not yet checked
   // (a block may take several requests when the configured limit is
   // smaller than the update's block size).
-  uint64_t pieceDone_ = 0;
+  uint64_t pieceDone_ GUARDED_BY(Core::CoreMutex()) = 0;
   // The staging file may hold more than verified_ (a previous offer, or a
   // block written before a crash): it is emptied before the first block of
   // a new offer, and checked and cut back after a restart.
-  bool emptyStaging_ = false;
-  bool spaceChecked_ = false;
-  bool checkWanted_ = false;  // CheckStaging before anything else
-  LumSoftwareUpdateState checkTarget_ = LumSoftwareUpdateDownloaded;
-  bool fetchWanted_ = false;
-  unsigned failures_ = 0;  // in a row, of the current step
-  bool retryArmed_ = false;
-  timespec retryAt_{};
-  unsigned reportedPercent_ = 0;
-  bool waiting_ = false;
-  bool stateLoaded_ = false;
-  MicroService prepared_ = NoCall;
+  bool emptyStaging_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool spaceChecked_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool checkWanted_ GUARDED_BY(Core::CoreMutex()) = false;  // CheckStaging before anything else
+  LumSoftwareUpdateState checkTarget_ GUARDED_BY(Core::CoreMutex()) = LumSoftwareUpdateDownloaded;
+  bool fetchWanted_ GUARDED_BY(Core::CoreMutex()) = false;
+  unsigned failures_ GUARDED_BY(Core::CoreMutex()) = 0;  // in a row, of the current step
+  bool retryArmed_ GUARDED_BY(Core::CoreMutex()) = false;
+  timespec retryAt_ GUARDED_BY(Core::CoreMutex()){};
+  unsigned reportedPercent_ GUARDED_BY(Core::CoreMutex()) = 0;
+  bool waiting_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool stateLoaded_ GUARDED_BY(Core::CoreMutex()) = false;
+  MicroService prepared_ GUARDED_BY(Core::CoreMutex()) = NoCall;
   Job job_;
   Core::Http::Request request_;  // kept: the blocks reuse one connection
   Core::TimedSem sem_;           // bound to the core mutex

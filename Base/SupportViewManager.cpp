@@ -247,7 +247,9 @@ void SupportViewManager::terminateEnd() {
 // session call still running then is cut short.
 void SupportViewManager::waitForShutdown(const timespec& deadline, bool tasks) {
   LockMutex lock(&TheCore().getMutex());
-  auto done = [&] { return tasks ? runningTasks_ == 0 : sessionThreadDone_; };
+  auto done = [&]() REQUIRES(Core::CoreMutex()) {
+    return tasks ? runningTasks_ == 0 : sessionThreadDone_;
+  };
   while (!done() && !shutdownSem_.wait(&deadline)) {
   }
   if (!done() && !tasks) {

@@ -82,17 +82,17 @@ class SupportViewManager : public Core::Manager {
 
   static SupportViewManager* Instance();
 
-  void initialize(const Core::ManagerContext& context) override;
-  void cascadeStateChanges() override;
-  void terminateBegin() override;
-  void terminateEnd() override;
+  void initialize(const Core::ManagerContext& context) REQUIRES(Core::CoreMutex()) override;
+  void cascadeStateChanges() REQUIRES(Core::CoreMutex()) override;
+  void terminateBegin() REQUIRES(Core::CoreMutex()) override;
+  void terminateEnd() EXCLUDES(Core::CoreMutex()) override;
   const char* waitName() const override { return "SupportView"; }
-  void getStatus(LumStatus& status) override;
-  void logStatusInfo(StatusSection section) override;
+  void getStatus(LumStatus& status) REQUIRES(Core::CoreMutex()) override;
+  void logStatusInfo(StatusSection section) REQUIRES(Core::CoreMutex()) override;
 
   // Behind LumSessionInit and LumSessionTerm; take the core mutex.
-  unsigned sessionInitialize(bool allowSessionCodeBypass);
-  unsigned sessionTerminate();
+  unsigned sessionInitialize(bool allowSessionCodeBypass) EXCLUDES(Core::CoreMutex());
+  unsigned sessionTerminate() EXCLUDES(Core::CoreMutex());
   // Runs one task document through the command framework without the core
   // mutex; 0 with the answer in `taskResponse`, 1 when the agent is not
   // running, 5 when the document is not JSON.
@@ -105,22 +105,22 @@ class SupportViewManager : public Core::Manager {
   // a 2xx answer, 3 without an https URL, 4 when the transfer failed; all
   // return 1 while the agent is not running.
   int runNetworkDiagnosticsTest(bool& dnsLookupOk, bool& gatewayPingOk, bool& internetPingOk,
-                                bool& finishedInTime);
-  int runDownloadSpeedTest(SpeedTestResult& result);
-  int runUploadSpeedTest(SpeedTestResult& result);
-  int runLatencyTest(SpeedTestResult& result);
+                                bool& finishedInTime) EXCLUDES(Core::CoreMutex());
+  int runDownloadSpeedTest(SpeedTestResult& result) EXCLUDES(Core::CoreMutex());
+  int runUploadSpeedTest(SpeedTestResult& result) EXCLUDES(Core::CoreMutex());
+  int runLatencyTest(SpeedTestResult& result) EXCLUDES(Core::CoreMutex());
 
-  // Under the core mutex.
-  std::string getSessionToken();
-  std::string getSvLbrAwsDomain();
-  SupportViewConfig* getSupportViewConfigPtr() { return config_.get(); }
+  // These two take the core mutex.
+  std::string getSessionToken() EXCLUDES(Core::CoreMutex());
+  std::string getSvLbrAwsDomain() EXCLUDES(Core::CoreMutex());
+  SupportViewConfig* getSupportViewConfigPtr() REQUIRES(Core::CoreMutex()) { return config_.get(); }
 
   // The screen video and training remote hooks (not owned; null: nothing to
   // start). Set before LumInit by the piece that implements them.
   void setSessionParts(SessionPart* video, SessionPart* trainingRemote);
 
-  void logStateInfo();
-  void logStateDebug();
+  void logStateInfo() REQUIRES(Core::CoreMutex());
+  void logStateDebug() REQUIRES(Core::CoreMutex());
 
   // The code and token of a stored "session" file; false when the text is
   // not an object with a text code and a non-empty text token.
@@ -157,13 +157,13 @@ class SupportViewManager : public Core::Manager {
   class Cycle : public Core::ControlCycle {
    public:
     Cycle(SupportViewManager& owner, ControlThread& thread) : owner_(owner), thread_(thread) {}
-    Step nextStep(timespec& deadline) override;
-    void waitEnded(WaitOutcome outcome) override;
-    void prepMicroService(Core::Http::Request& request) override;
-    void postMicroService(Core::Http::Response& response) override;
+    Step nextStep(timespec& deadline) REQUIRES(Core::CoreMutex()) override;
+    void waitEnded(WaitOutcome outcome) REQUIRES(Core::CoreMutex()) override;
+    void prepMicroService(Core::Http::Request& request) REQUIRES(Core::CoreMutex()) override;
+    void postMicroService(Core::Http::Response& response) REQUIRES(Core::CoreMutex()) override;
 
    protected:
-    virtual MicroService service() const = 0;
+    virtual MicroService service() const REQUIRES(Core::CoreMutex()) = 0;
     SupportViewManager& owner_;
     ControlThread& thread_;
     uint64_t session_ = 0;  // sessionGeneration_ when the call was prepared
@@ -174,29 +174,29 @@ class SupportViewManager : public Core::Manager {
   class SessionCycle : public Cycle {
    public:
     using Cycle::Cycle;
-    std::string nextCallName() override;
+    std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
     const std::atomic<bool>* cancelFlag(const std::atomic<bool>& agentStopping) override;
 
    private:
-    MicroService service() const override;
+    MicroService service() const REQUIRES(Core::CoreMutex()) override;
   };
   class GetTaskCycle : public Cycle {
    public:
     using Cycle::Cycle;
-    Step nextStep(timespec& deadline) override;
-    std::string nextCallName() override;
+    Step nextStep(timespec& deadline) REQUIRES(Core::CoreMutex()) override;
+    std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
     Core::Http::Request* keptRequest() override { return &owner_.getTaskRequest_; }
 
    private:
-    MicroService service() const override { return GetCommand; }
+    MicroService service() const REQUIRES(Core::CoreMutex()) override { return GetCommand; }
   };
   class PutTaskCycle : public Cycle {
    public:
     using Cycle::Cycle;
-    std::string nextCallName() override;
+    std::string nextCallName() REQUIRES(Core::CoreMutex()) override;
 
    private:
-    MicroService service() const override { return PutCommand; }
+    MicroService service() const REQUIRES(Core::CoreMutex()) override { return PutCommand; }
   };
 
   SupportViewManager();
@@ -213,37 +213,38 @@ class SupportViewManager : public Core::Manager {
   bool speedTestTransfer(SpeedTest test, NetworkDiagnostics::Transfer& transfer);
   int runSpeedTest(SpeedTest test, SpeedTestResult& result);
 
-  void prepMicroService(MicroService ms, Core::Http::Request& request);
-  std::string buildRequestBody(MicroService ms);
-  void postMicroService(MicroService ms, uint64_t session, const Core::Http::Response& response);
-  void getResponseBody(MicroService ms, const std::string& body);
-  void startTask(const LumJson::Value& answer);
-  void finishShutdownCall(MicroService ms);
+  void prepMicroService(MicroService ms, Core::Http::Request& request) REQUIRES(Core::CoreMutex());
+  std::string buildRequestBody(MicroService ms) REQUIRES(Core::CoreMutex());
+  void postMicroService(MicroService ms, uint64_t session, const Core::Http::Response& response)
+      REQUIRES(Core::CoreMutex());
+  void getResponseBody(MicroService ms, const std::string& body) REQUIRES(Core::CoreMutex());
+  void startTask(const LumJson::Value& answer) REQUIRES(Core::CoreMutex());
+  void finishShutdownCall(MicroService ms) REQUIRES(Core::CoreMutex());
   ControlThread& threadFor(MicroService ms);
-  void deadlineFor(ControlThread& thread, timespec& deadline);
+  void deadlineFor(ControlThread& thread, timespec& deadline) REQUIRES(Core::CoreMutex());
 
-  void cascadeSessionTimeout();
-  void cascadeSessionThread();
-  void cascadeGetTaskThread();
-  void cascadePutTaskThread();
-  void cascadeSessionState();
-  void resetThread(ControlThread& thread, const char* name);
-  ThreadActivity busyOrDelay(const ControlThread& thread) const;
+  void cascadeSessionTimeout() REQUIRES(Core::CoreMutex());
+  void cascadeSessionThread() REQUIRES(Core::CoreMutex());
+  void cascadeGetTaskThread() REQUIRES(Core::CoreMutex());
+  void cascadePutTaskThread() REQUIRES(Core::CoreMutex());
+  void cascadeSessionState() REQUIRES(Core::CoreMutex());
+  void resetThread(ControlThread& thread, const char* name) REQUIRES(Core::CoreMutex());
+  ThreadActivity busyOrDelay(const ControlThread& thread) const REQUIRES(Core::CoreMutex());
 
-  bool sessionHeld() const { return !sessionToken_.empty(); }
-  bool sessionShown() const;
-  bool agentRunning() const;
-  bool taskRoomLeft() const;
-  void takeSession(const std::string& code, const std::string& token);
-  void storeSessionToken();
-  void loadSessionToken();
-  void retireSessionToken();
-  void startSessionParts();
-  void stopSessionParts();
+  bool sessionHeld() const REQUIRES(Core::CoreMutex()) { return !sessionToken_.empty(); }
+  bool sessionShown() const REQUIRES(Core::CoreMutex());
+  bool agentRunning() const REQUIRES(Core::CoreMutex());
+  bool taskRoomLeft() const REQUIRES(Core::CoreMutex());
+  void takeSession(const std::string& code, const std::string& token) REQUIRES(Core::CoreMutex());
+  void storeSessionToken() REQUIRES(Core::CoreMutex());
+  void loadSessionToken() REQUIRES(Core::CoreMutex());
+  void retireSessionToken() REQUIRES(Core::CoreMutex());
+  void startSessionParts() REQUIRES(Core::CoreMutex());
+  void stopSessionParts() REQUIRES(Core::CoreMutex());
   void waitForShutdown(const timespec& deadline, bool tasks);
-  void reapTasks(bool abandonRunning);
+  void reapTasks(bool abandonRunning) REQUIRES(Core::CoreMutex());
 
-  std::unique_ptr<SupportViewConfig> config_;
+  std::unique_ptr<SupportViewConfig> config_ GUARDED_BY(Core::CoreMutex());
   Core::CoreConfig* coreConfig_ = nullptr;        // not owned
   Core::ProductIdentity* identity_ = nullptr;     // not owned
   Core::DeviceValues* device_ = nullptr;          // not owned
@@ -251,14 +252,14 @@ class SupportViewManager : public Core::Manager {
   SessionPart* video_ = nullptr;                  // not owned
   SessionPart* trainingRemote_ = nullptr;         // not owned
 
-  std::string sessionToken_;
-  std::string sessionCode_;
-  LumSessionState sessionState_ = LumSessionNone;
-  SessionRequest sessionRequest_ = RequestNone;
-  bool allowSessionCodeBypass_ = false;
+  std::string sessionToken_ GUARDED_BY(Core::CoreMutex());
+  std::string sessionCode_ GUARDED_BY(Core::CoreMutex());
+  LumSessionState sessionState_ GUARDED_BY(Core::CoreMutex()) = LumSessionNone;
+  SessionRequest sessionRequest_ GUARDED_BY(Core::CoreMutex()) = RequestNone;
+  bool allowSessionCodeBypass_ GUARDED_BY(Core::CoreMutex()) = false;
   // Bumped whenever a session is taken or retired, so that an answer to a
   // call made for an earlier session is not applied to the current one.
-  uint64_t sessionGeneration_ = 0;
+  uint64_t sessionGeneration_ GUARDED_BY(Core::CoreMutex()) = 0;
 
   ControlThread session_;
   ControlThread getTask_;
@@ -269,22 +270,23 @@ class SupportViewManager : public Core::Manager {
   // The long poll's connection, kept between polls.
   Core::Http::Request getTaskRequest_;
 
-  uint32_t getSeqNum_ = 0;
-  uint32_t putSeqNum_ = 0;
-  bool terminating_ = false;
-  bool sessionTimeoutArmed_ = false;
-  timespec sessionDeadline_{};
+  uint32_t getSeqNum_ GUARDED_BY(Core::CoreMutex()) = 0;
+  uint32_t putSeqNum_ GUARDED_BY(Core::CoreMutex()) = 0;
+  bool terminating_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool sessionTimeoutArmed_ GUARDED_BY(Core::CoreMutex()) = false;
+  timespec sessionDeadline_ GUARDED_BY(Core::CoreMutex()){};
 
-  std::deque<std::unique_ptr<SupportViewTask>> completedTasks_;
+  std::deque<std::unique_ptr<SupportViewTask>> completedTasks_ GUARDED_BY(Core::CoreMutex());
   // The task whose answer PutTaskControl is returning, so that its removal
   // after the put is not applied to another one.
-  const SupportViewTask* puttingTask_ = nullptr;
-  unsigned runningTasks_ = 0;
-  std::vector<TaskRun*> taskRuns_;  // owned, until joined or abandoned
+  const SupportViewTask* puttingTask_ GUARDED_BY(Core::CoreMutex()) = nullptr;
+  unsigned runningTasks_ GUARDED_BY(Core::CoreMutex()) = 0;
+  std::vector<TaskRun*> taskRuns_
+      GUARDED_BY(Core::CoreMutex());  // owned, until joined or abandoned
 
   // Shutdown: SessionControl has ended, and the wake for the terminate
   // thread when it has or when a task finishes.
-  bool sessionThreadDone_ = false;
+  bool sessionThreadDone_ GUARDED_BY(Core::CoreMutex()) = false;
   Core::TimedSem shutdownSem_;
   // Set by the terminate thread when SessionControl's last call outlives the
   // grace time; read by that call's transfer without the mutex.

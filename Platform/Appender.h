@@ -44,13 +44,14 @@ class Appender {
   // Registers under the appender's name. An appender already registered
   // under that name is displaced, not deleted: it stays alive (and is deleted
   // by DeleteAllAppenders) but no longer receives lines.
-  static void AddAppender(Appender* appender);
+  static void AddAppender(Appender* appender) EXCLUDES(AppenderMapMutex);
   // The registered appenders in name order (a snapshot).
-  static std::vector<Appender*> GetAllAppenders();
+  static std::vector<Appender*> GetAllAppenders() EXCLUDES(AppenderMapMutex);
   // Runs `visit` on each registered appender in name order, holding
   // AppenderMapMutex throughout so none can be destroyed meanwhile.
-  static void VisitAllAppenders(const std::function<void(Appender&)>& visit);
-  static void DeleteAllAppenders();
+  static void VisitAllAppenders(const std::function<void(Appender&)>& visit)
+      EXCLUDES(AppenderMapMutex);
+  static void DeleteAllAppenders() EXCLUDES(AppenderMapMutex);
 
   // The highest severity that any registered appender passes for this
   // service and category, -1 when none does. Lock-free: the logger's test
@@ -67,23 +68,23 @@ class Appender {
   void registerSelf() { AddAppender(this); }
   // Leaves the registry; safe to call more than once. Concrete destructors
   // call it first so that no line reaches a half-destroyed appender.
-  void unregisterSelf();
+  void unregisterSelf() EXCLUDES(AppenderMapMutex);
 
  private:
   using AppenderMap = std::map<std::string, Appender*>;
 
   // Created on first use; caller holds AppenderMapMutex.
-  static AppenderMap& GetAppenderMap();
+  static AppenderMap& GetAppenderMap() REQUIRES(AppenderMapMutex);
   // Caller holds AppenderMapMutex.
-  static void RecomputeHighestSeverities();
+  static void RecomputeHighestSeverities() REQUIRES(AppenderMapMutex);
   void readFilters(const LumJson::Value& filters);
 
   std::string name_;
   std::unique_ptr<Format> format_;  // null when "format" names no known format
   int filter_[FilterProperties::SERVICE_COUNT][FilterProperties::CATEGORY_COUNT];
 
-  static AppenderMap* AllAppenders;                   // guarded by AppenderMapMutex
-  static std::vector<Appender*>* DisplacedAppenders;  // guarded by AppenderMapMutex
+  static AppenderMap* AllAppenders GUARDED_BY(AppenderMapMutex);
+  static std::vector<Appender*>* DisplacedAppenders GUARDED_BY(AppenderMapMutex);
 };
 
 }  // namespace Core

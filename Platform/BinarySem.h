@@ -11,6 +11,9 @@ namespace Core {
 // owner shares with it, so that giving the token and changing the owner's
 // state happen under one lock. The semaphore never owns the mutex. The
 // *Locked operations need the caller to hold it; the *Unlocked ones take it.
+// The analysis cannot tell that mutex_ is the owner's mutex under another
+// name, so the *Locked operations carry no REQUIRES; the owners' own
+// annotations cover the state that goes with the token.
 class BinarySem {
  public:
   BinarySem(bool available, Mutex& mutex);
@@ -19,10 +22,10 @@ class BinarySem {
   BinarySem& operator=(const BinarySem&) = delete;
 
   void giveLocked();
-  void giveUnlocked();
+  void giveUnlocked() EXCLUDES(mutex_);
   // Waits until the token is available and consumes it.
   void takeLocked();
-  void takeUnlocked();
+  void takeUnlocked() EXCLUDES(mutex_);
 
  private:
   bool available_;       // guarded by mutex_

@@ -106,9 +106,9 @@ class FileUtil {
 
  private:
   static Mutex& GetMutex();
-  static FileOperations& Operations();  // guarded by GetMutex()
+  static FileOperations& Operations() REQUIRES(GetMutex());
 
-  static FileOperations* operations_;  // guarded by GetMutex(); nullptr = POSIX
+  static FileOperations* operations_ GUARDED_BY(GetMutex());  // nullptr = POSIX
 };
 
 }  // namespace Core

@@ -115,7 +115,7 @@ class Http {
   // Terminate; both run on the start-up and shut-down paths, the mutex only
   // keeps a stray second caller from racing them.
   static Mutex& globalMutex_;
-  static bool curlGlobalInitDone_;  // guarded by globalMutex_
+  static bool curlGlobalInitDone_ GUARDED_BY(globalMutex_);
 };
 
 }  // namespace Core

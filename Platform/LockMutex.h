@@ -6,10 +6,10 @@ namespace Lum {
 namespace Core {
 
 // Holds a Mutex for its own lifetime.
-class LockMutex {
+class SCOPED_CAPABILITY LockMutex {
  public:
-  explicit LockMutex(Mutex* mutex);
-  ~LockMutex();
+  explicit LockMutex(Mutex* mutex) ACQUIRE(mutex);
+  ~LockMutex() RELEASE();
   LockMutex(const LockMutex&) = delete;
   LockMutex& operator=(const LockMutex&) = delete;
 

@@ -6,10 +6,10 @@ namespace Lum {
 namespace Core {
 
 // Holds the read side (shared with other readers) of an RWLock for its own lifetime.
-class LockRead {
+class SCOPED_CAPABILITY LockRead {
  public:
-  explicit LockRead(RWLock* lock);
-  ~LockRead();
+  explicit LockRead(RWLock* lock) ACQUIRE_SHARED(lock);
+  ~LockRead() RELEASE();
   LockRead(const LockRead&) = delete;
   LockRead& operator=(const LockRead&) = delete;
 

@@ -6,10 +6,10 @@ namespace Lum {
 namespace Core {
 
 // Holds the write side (exclusive) of an RWLock for its own lifetime.
-class LockWrite {
+class SCOPED_CAPABILITY LockWrite {
  public:
-  explicit LockWrite(RWLock* lock);
-  ~LockWrite();
+  explicit LockWrite(RWLock* lock) ACQUIRE(lock);
+  ~LockWrite() RELEASE();
   LockWrite(const LockWrite&) = delete;
   LockWrite& operator=(const LockWrite&) = delete;
 

@@ -17,8 +17,8 @@ class Logger {
  public:
   static Logger& Instance();
 
-  void initialize(const LumJson::Value& loggers);
-  void terminate();
+  void initialize(const LumJson::Value& loggers) EXCLUDES(mutex_);
+  void terminate() EXCLUDES(mutex_);
 
   // Whether any appender passes this classification. Callers test before
   // formatting so that disabled logging costs no formatting at all; the test
@@ -26,13 +26,14 @@ class Logger {
   bool test(int service, int category, int severity);
 
   void log(const char* file, int line, const char* function, int service, int category,
-           int severity, const char* format, ...) __attribute__((format(printf, 8, 9)));
+           int severity, const char* format, ...) EXCLUDES(mutex_)
+      __attribute__((format(printf, 8, 9)));
 
  private:
   Logger() = default;
 
   Mutex mutex_;
-  bool initialized_ = false;  // guarded by mutex_
+  bool initialized_ GUARDED_BY(mutex_) = false;
   // Mirrors initialized_ for the lock-free test(). Written under mutex_:
   // set after the appenders exist, cleared before they are deleted.
   std::atomic<bool> enabled_{false};

@@ -2,20 +2,22 @@
 
 #include <pthread.h>
 
+#include "Platform/ThreadSafety.h"
+
 namespace Lum {
 namespace Core {
 
 // A plain, non-recursive mutex. Failures of the underlying calls are not
 // reported: a default mutex only fails on misuse.
-class Mutex {
+class CAPABILITY("mutex") Mutex {
  public:
   Mutex();
   ~Mutex();
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock();
-  void unlock();
+  void lock() ACQUIRE();
+  void unlock() RELEASE();
   pthread_mutex_t* native() { return &mutex_; }
 
  private:

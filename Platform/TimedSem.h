@@ -14,8 +14,9 @@ namespace Core {
 // wall clock neither shorten nor stretch a wait.
 //
 // The semaphore shares the owner's mutex and never owns it; reset() and wait()
-// need the caller to hold it. The signal is a single flag: two resets before a
-// wait wake it once.
+// need the caller to hold it (not stated as REQUIRES: the analysis cannot tell
+// that mutex_ is the owner's mutex under another name). The signal is a
+// single flag: two resets before a wait wake it once.
 class TimedSem {
  public:
   explicit TimedSem(Mutex& mutex);
@@ -23,8 +24,8 @@ class TimedSem {
   TimedSem(const TimedSem&) = delete;
   TimedSem& operator=(const TimedSem&) = delete;
 
-  void lock();
-  void unlock();
+  void lock() ACQUIRE(mutex_);
+  void unlock() RELEASE(mutex_);
   // Posts the signal, waking a waiter (or the next wait()).
   void reset();
   // Drops a posted signal that no wait() has taken, without releasing the

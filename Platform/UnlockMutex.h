@@ -9,10 +9,10 @@ namespace Core {
 // when it ends, also when an exception passes: a thread that does slow work
 // (a transfer, a callback) with its manager's mutex released always returns
 // to the state its enclosing LockMutex expects.
-class UnlockMutex {
+class SCOPED_CAPABILITY UnlockMutex {
  public:
-  explicit UnlockMutex(Mutex& mutex);
-  ~UnlockMutex();
+  explicit UnlockMutex(Mutex& mutex) RELEASE(mutex);
+  ~UnlockMutex() RELEASE();
   UnlockMutex(const UnlockMutex&) = delete;
   UnlockMutex& operator=(const UnlockMutex&) = delete;
 

@@ -28,10 +28,6 @@ constexpr int kDebugNameWidth = 37;
 constexpr char kEsnId[] = "DeviceInfoEsn";
 constexpr char kMacId[] = "DeviceInfoMac";
 
-Core::Mutex& CoreMutex() {
-  return CoreManager::Instance()->getMutex();
-}
-
 std::string BuildItem(const char* id, const std::string& value) {
   LumJson::Value item(LumJson::objectValue);
   item["id"] = id;
@@ -50,7 +46,7 @@ CollectDeviceInfo::CollectDeviceInfo(Core::DeviceValues* device, Core::Persisten
     : Collector("Device Info", std::string(kEsnId) + "," + kMacId),
       device_(device),
       persistent_(persistent),
-      sem_(new Core::BinarySem(false, CoreMutex())) {}
+      sem_(new Core::BinarySem(false, Core::CoreMutex())) {}
 
 CollectDeviceInfo::~CollectDeviceInfo() {
   // The manager always stops a collector before deleting it; should that
@@ -63,12 +59,12 @@ CollectDeviceInfo::~CollectDeviceInfo() {
 
 void CollectDeviceInfo::initialize(const std::set<std::string>& ids) {
   LUM_TRACE(kDs);
-  LockMutex lock(&CoreMutex());
+  LockMutex lock(&Core::CoreMutex());
   enableEsn_ = ids.count(kEsnId) != 0;
   enableMac_ = ids.count(kMacId) != 0;
   terminating_ = false;
   waiting_ = false;
-  sem_.reset(new Core::BinarySem(false, CoreMutex()));
+  sem_.reset(new Core::BinarySem(false, Core::CoreMutex()));
   // The persistent values keep their change mark for the whole run and, in
   // addition, wake the registered collector once per change. A change made
   // before this start is reported by the first pass (the mark); the wake
@@ -89,7 +85,7 @@ void CollectDeviceInfo::halt() {
   LUM_TRACE(kDs);
   // Only marked: the thread is stopped when halted, and the mark makes its
   // next start report.
-  LockMutex lock(&CoreMutex());
+  LockMutex lock(&Core::CoreMutex());
   submit_ = true;
 }
 
@@ -104,7 +100,7 @@ void CollectDeviceInfo::wake() {
 
 void CollectDeviceInfo::terminateBegin() {
   LUM_TRACE(kDs);
-  LockMutex lock(&CoreMutex());
+  LockMutex lock(&Core::CoreMutex());
   terminating_ = true;
   sem_->giveLocked();
 }
@@ -113,7 +109,7 @@ void CollectDeviceInfo::terminateEnd() {
   LUM_TRACE(kDs);
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "Waiting for DeviceInfoControl to join");
   Core::ThreadUtil::Join(thread_);
-  LockMutex lock(&CoreMutex());
+  LockMutex lock(&Core::CoreMutex());
   if (persistent_ != nullptr) {
     persistent_->unregisterDeviceInfoCollector();
   }
@@ -126,8 +122,7 @@ void* CollectDeviceInfo::DeviceInfoControl(void* arg) {
 
 void CollectDeviceInfo::runDeviceInfoControl() {
   LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl started");
-  Core::Mutex& mutex = CoreMutex();
-  LockMutex lock(&mutex);
+  LockMutex lock(&Core::CoreMutex());
   for (;;) {
     LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_INFO, "DeviceInfoControl running");
     logStateDebug();
@@ -139,7 +134,7 @@ void CollectDeviceInfo::runDeviceInfoControl() {
       submit_ = false;
       const std::vector<std::string> items = buildItems();
       // Submission takes the core mutex itself.
-      Core::UnlockMutex unlocked(mutex);
+      Core::UnlockMutex unlocked(Core::CoreMutex());
       SubmitItems(items);
     }
     // A change signalled while the items were being submitted found the

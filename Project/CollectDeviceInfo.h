@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Base/Collector.h"
+#include "Base/CoreMutex.h"
 #include "Platform/BinarySem.h"
 #include "Platform/Thread.h"
 
@@ -37,35 +38,35 @@ class CollectDeviceInfo : public Collector {
   ~CollectDeviceInfo() override;
 
   // These take the core mutex; call them without it.
-  void initialize(const std::set<std::string>& ids) override;
-  void terminateBegin() override;
-  void terminateEnd() override;
-  void halt() override;
+  void initialize(const std::set<std::string>& ids) EXCLUDES(Core::CoreMutex()) override;
+  void terminateBegin() EXCLUDES(Core::CoreMutex()) override;
+  void terminateEnd() EXCLUDES(Core::CoreMutex()) override;
+  void halt() EXCLUDES(Core::CoreMutex()) override;
 
   // The device description changed. Called with the core mutex held.
-  void wake();
+  void wake() REQUIRES(Core::CoreMutex());
 
   // Called with the core mutex held.
-  void logStateDebug() const;
+  void logStateDebug() const REQUIRES(Core::CoreMutex());
 
  private:
   static void* DeviceInfoControl(void* arg);
-  void runDeviceInfoControl();
-  std::vector<std::string> buildItems() const;
+  void runDeviceInfoControl() EXCLUDES(Core::CoreMutex());
+  std::vector<std::string> buildItems() const REQUIRES(Core::CoreMutex());
   static void SubmitItems(const std::vector<std::string>& items);
 
   Core::DeviceValues* const device_;          // not owned
   Core::PersistentValues* const persistent_;  // not owned
-  bool waiting_ = false;
-  bool terminating_ = false;
-  bool submit_ = false;
-  bool enableEsn_ = false;
-  bool enableMac_ = false;
+  bool waiting_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool terminating_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool submit_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool enableEsn_ GUARDED_BY(Core::CoreMutex()) = false;
+  bool enableMac_ GUARDED_BY(Core::CoreMutex()) = false;
   // A change of the device description not yet reported by this start.
-  bool changeUnreported_ = false;
+  bool changeUnreported_ GUARDED_BY(Core::CoreMutex()) = false;
   // Renewed by every start, so that a wake left over from the previous run
   // of the thread does not cause a spurious pass.
-  std::unique_ptr<Core::BinarySem> sem_;
+  std::unique_ptr<Core::BinarySem> sem_ GUARDED_BY(Core::CoreMutex());
   Core::Thread thread_;
 };
 

@@ -75,14 +75,14 @@ class CommandManager {
   std::atomic<bool> active_{false};
 
   mutable Core::RWLock lock_;
-  std::string opid_;       // guarded by lock_
-  std::string instance_;   // guarded by lock_
-  std::string id_;         // guarded by lock_
-  std::string model_;      // guarded by lock_
-  std::string brand_;      // guarded by lock_
-  std::string esn_;        // guarded by lock_
-  std::string mac_;        // guarded by lock_
-  std::string swVersion_;  // guarded by lock_
+  std::string opid_ GUARDED_BY(lock_);
+  std::string instance_ GUARDED_BY(lock_);
+  std::string id_ GUARDED_BY(lock_);
+  std::string model_ GUARDED_BY(lock_);
+  std::string brand_ GUARDED_BY(lock_);
+  std::string esn_ GUARDED_BY(lock_);
+  std::string mac_ GUARDED_BY(lock_);
+  std::string swVersion_ GUARDED_BY(lock_);
 };
 
 }  // namespace Sv

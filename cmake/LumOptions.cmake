@@ -4,6 +4,17 @@ function(lum_target_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
 endfunction()
 
+# The thread-safety build: clang checks every GUARDED_BY / REQUIRES
+# annotation (Platform/ThreadSafety.h) in the library, the tools and the
+# tests, and any finding fails the build.
+option(LUM_THREAD_SAFETY "Compile with clang's -Wthread-safety as errors" OFF)
+if(LUM_THREAD_SAFETY)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "LUM_THREAD_SAFETY needs clang")
+  endif()
+  add_compile_options(-Wthread-safety -Werror -ferror-limit=0)
+endif()
+
 if(LUM_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
                       -fno-omit-frame-pointer)

@@ -2,7 +2,9 @@
 # Configures and builds one flavour of the project.
 #   scripts/build.sh <flavour> [<purpose>] [--build-dir DIR] [--configure-only]
 #                    [extra cmake arguments]
-#     flavour  release | asan (ASan + UBSan) | tsan; output in build/<flavour>
+#     flavour  release | asan (ASan + UBSan) | tsan | tsafety (clang's
+#              thread-safety analysis, every warning an error; built, not
+#              run); output in build/<flavour>
 #     purpose  tests (default): the library, the tools, the tests and, for
 #                               release, the benchmarks
 #              demo:            the library and the tools only
@@ -29,10 +31,20 @@ while [ $# -gt 0 ]; do
   esac
 done
 
+build_type=RelWithDebInfo
+thread_safety=OFF
+compilers=()
 case "$flavour" in
   release) sanitize="" ;;
   asan) sanitize="address" ;;
   tsan) sanitize="thread" ;;
+  tsafety)
+    # Only compiled, so unoptimised; clang because g++ has no such analysis.
+    sanitize=""
+    build_type=Debug
+    thread_safety=ON
+    compilers=(-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14)
+    ;;
   *) echo "unknown flavour $flavour" >&2; exit 2 ;;
 esac
 
@@ -45,7 +57,8 @@ if [ "$purpose" = demo ]; then
 fi
 
 cmake -S "$root" -B "$build_dir" -G Ninja \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUM_SANITIZE="$sanitize" \
+  ${compilers[@]+"${compilers[@]}"} \
+  -DCMAKE_BUILD_TYPE="$build_type" -DLUM_SANITIZE="$sanitize" -DLUM_THREAD_SAFETY="$thread_safety" \
   -DLUM_BUILD_TOOLS=ON -DLUM_BUILD_TESTS="$tests" -DLUM_BUILD_BENCH="$bench" \
   ${extra[@]+"${extra[@]}"} >/dev/null
 [ "$configure_only" = 1 ] && exit 0

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: every test in a normal build, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded tests under
-# ThreadSanitizer. Exits non-zero on any failure or sanitizer report.
+# ThreadSanitizer, after a clang build that checks the thread-safety
+# annotations (any finding fails it). Exits non-zero on any failure or
+# sanitizer report.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/deps.sh"
@@ -23,6 +25,11 @@ run_suite() {
   fi
 }
 
+echo "=== tsafety: build (clang -Wthread-safety)"
+if ! "$root/scripts/build.sh" tsafety tests; then
+  failed+=(tsafety)
+fi
+
 run_suite release
 run_suite asan
 run_suite tsan -L threaded
@@ -31,4 +38,4 @@ if [ ${#failed[@]} -ne 0 ]; then
   echo "FAILED suites: ${failed[*]}"
   exit 1
 fi
-echo "All suites passed: release, asan, tsan"
+echo "All suites passed: tsafety, release, asan, tsan"

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Base/CollectorManager.h"
-#include "Base/CoreManager.h"
+#include "Base/CoreMutex.h"
 #include "Base/DeviceValues.h"
 #include "Base/PersistentValues.h"
 #include "Platform/LockMutex.h"
@@ -22,6 +22,7 @@
 
 namespace {
 
+using Lum::Core::CoreMutex;
 using Lum::Core::LockMutex;
 using LumTest::WaitFor;
 using Ids = std::set<std::string>;
@@ -85,7 +86,6 @@ class CollectorsTest : public ::testing::Test {
     context_.persistent = persistent_.get();
   }
 
-  static Lum::Core::Mutex& CoreMutex() { return Lum::Core::CoreManager::Instance()->getMutex(); }
   static Lum::Ds::CollectorManager& Manager() { return *Lum::Ds::CollectorManager::Instance(); }
 
   // As the core does: with its mutex held.
