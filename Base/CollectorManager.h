@@ -40,7 +40,6 @@ class CollectorManager {
   // way out, then deletes the collectors so the manager can be initialised
   // again. Called without the core mutex.
   void terminateEnd();
-  void logStateDebug();
 
  private:
   CollectorManager();

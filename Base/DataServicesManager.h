@@ -48,7 +48,6 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   unsigned submitDataItem(const char* item);
 
   DataServicesConfig* getDsConfigPtr() { return config_.get(); }
-  void logStateDebug();
   using Manager::logStatusInfo;  // the per-section override stays visible
   void logStatusInfo();
 

@@ -70,7 +70,6 @@ class SoftwareUpdateManager : public Core::Manager, private Core::ControlCycle {
   unsigned setSource(unsigned source, const std::string& location, bool explicitCall);
   unsigned setPermission(unsigned permission);
 
-  void logStateDebug();
   static const char* MicroServiceToString(int microService);
 
  private:

@@ -113,7 +113,6 @@ class SupportViewManager : public Core::Manager {
   // Under the core mutex.
   std::string getSessionToken();
   std::string getSvLbrAwsDomain();
-  SupportViewConfig* getSupportViewConfigPtr() { return config_.get(); }
 
   // The screen video and training remote hooks (not owned; null: nothing to
   // start). Set before LumInit by the piece that implements them.

@@ -23,8 +23,6 @@ class TimedSem {
   TimedSem(const TimedSem&) = delete;
   TimedSem& operator=(const TimedSem&) = delete;
 
-  void lock();
-  void unlock();
   // Posts the signal, waking a waiter (or the next wait()).
   void reset();
   // Drops a posted signal that no wait() has taken, without releasing the

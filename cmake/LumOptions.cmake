@@ -14,3 +14,13 @@ elseif(LUM_SANITIZE STREQUAL "thread")
 elseif(NOT LUM_SANITIZE STREQUAL "")
   message(FATAL_ERROR "LUM_SANITIZE must be '', 'address' or 'thread'")
 endif()
+
+# Coverage instrumentation (clang only) for scripts/coverage.sh.
+option(LUM_COVERAGE "Instrument for clang source-based coverage" OFF)
+if(LUM_COVERAGE)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "LUM_COVERAGE needs clang")
+  endif()
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
+endif()

@@ -2,7 +2,8 @@
 # Configures and builds one flavour of the project.
 #   scripts/build.sh <flavour> [<purpose>] [--build-dir DIR] [--configure-only]
 #                    [extra cmake arguments]
-#     flavour  release | asan (ASan + UBSan) | tsan; output in build/<flavour>
+#     flavour  release | asan (ASan + UBSan) | tsan | coverage (clang-14,
+#              source-based coverage, unoptimised); output in build/<flavour>
 #     purpose  tests (default): the library, the tools, the tests and, for
 #                               release, the benchmarks
 #              demo:            the library and the tools only
@@ -29,10 +30,21 @@ while [ $# -gt 0 ]; do
   esac
 done
 
+build_type=RelWithDebInfo
+coverage=OFF
+compilers=()
 case "$flavour" in
   release) sanitize="" ;;
   asan) sanitize="address" ;;
   tsan) sanitize="thread" ;;
+  coverage)
+    # Unoptimised, so that every source line keeps its own counter; clang,
+    # because its coverage counts branches as well as lines.
+    sanitize=""
+    build_type=Debug
+    coverage=ON
+    compilers=(-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14)
+    ;;
   *) echo "unknown flavour $flavour" >&2; exit 2 ;;
 esac
 
@@ -45,7 +57,8 @@ if [ "$purpose" = demo ]; then
 fi
 
 cmake -S "$root" -B "$build_dir" -G Ninja \
-  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUM_SANITIZE="$sanitize" \
+  ${compilers[@]+"${compilers[@]}"} \
+  -DCMAKE_BUILD_TYPE="$build_type" -DLUM_SANITIZE="$sanitize" -DLUM_COVERAGE="$coverage" \
   -DLUM_BUILD_TOOLS=ON -DLUM_BUILD_TESTS="$tests" -DLUM_BUILD_BENCH="$bench" \
   ${extra[@]+"${extra[@]}"} >/dev/null
 [ "$configure_only" = 1 ] && exit 0

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: every test in a normal build, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded tests under
-# ThreadSanitizer. Exits non-zero on any failure or sanitizer report.
+# ThreadSanitizer; then line and branch coverage against the checked-in floor
+# (scripts/coverage.sh). Exits non-zero on any failure, sanitizer report or
+# coverage below the floor.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/deps.sh"
@@ -27,8 +29,13 @@ run_suite release
 run_suite asan
 run_suite tsan -L threaded
 
+echo "=== coverage"
+if ! "$root/scripts/coverage.sh"; then
+  failed+=("coverage")
+fi
+
 if [ ${#failed[@]} -ne 0 ]; then
   echo "FAILED suites: ${failed[*]}"
   exit 1
 fi
-echo "All suites passed: release, asan, tsan"
+echo "All suites passed: release, asan, tsan, coverage"
