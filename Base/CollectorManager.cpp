@@ -255,12 +255,6 @@ void CollectorManager::stopRunningCollectors() {
   stopCollectors(running);
 }
 
-void CollectorManager::logStateDebug() {
-  LUM_TRACE(kDs);
-  LockMutex lock(&mutex_);
-  logStateDebugLocked();
-}
-
 void CollectorManager::logStateDebugLocked() {
   if (!Core::Logger::Instance().test(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
     return;

@@ -41,7 +41,6 @@ class CollectorManager {
   // way out, then deletes the collectors so the manager can be initialised
   // again. Called without the core mutex.
   void terminateEnd() EXCLUDES(mutex_, Core::CoreMutex());
-  void logStateDebug();
 
  private:
   CollectorManager();

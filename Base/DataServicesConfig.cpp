@@ -68,21 +68,6 @@ std::vector<std::string> ReadTextList(const LumJson::Value& section, const char*
   return list;
 }
 
-const char* BoolText(bool value) {
-  return value ? "true" : "false";
-}
-
-std::string JoinList(const std::vector<std::string>& list) {
-  std::string joined;
-  for (const std::string& element : list) {
-    if (!joined.empty()) {
-      joined += ", ";
-    }
-    joined += element;
-  }
-  return joined;
-}
-
 }  // namespace
 
 DataServicesConfig::DataServicesConfig(const char* configText) {
@@ -271,59 +256,6 @@ uint32_t DataServicesConfig::getVideoAcrVideoBufferCount() const {
 uint32_t DataServicesConfig::getVideoAcrSamplePlaybackCount() const {
   LUM_TRACE(FP::SERVICE_DS);
   return videoAcrSamplePlaybackCount_;
-}
-
-void DataServicesConfig::logStateDebug() const {
-  LUM_TRACE(FP::SERVICE_DS);
-  if (!Core::Logger::Instance().test(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->maximumDataBytes             : %u", maximumDataBytes_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->collectAudioAcrData          : %s", BoolText(collectAudioAcrData_));
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->useAudioAcrSample            : %s", BoolText(useAudioAcrSample_));
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->audioAcrAudioSampleRate      : %u", audioAcrAudioSampleRate_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->audioAcrAudioBufferCount     : %u", audioAcrAudioBufferCount_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->audioAcrSamplePlaybackSpeed  : %u", audioAcrSamplePlaybackSpeed_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->audioAcrSamplePlaybackCount  : %u", audioAcrSamplePlaybackCount_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->audioAcrSamplePlaybackList   : %s",
-          JoinList(audioAcrSamplePlaybackList_).c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->collectVideoAcrData          : %s", BoolText(collectVideoAcrData_));
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->useVideoAcrSample            : %s", BoolText(useVideoAcrSample_));
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrDeviceID             : %s", videoAcrDeviceID_.c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrAlgorithm            : %u", videoAcrAlgorithm_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrFormat               : %s", videoAcrFormat_.c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrOrigin               : %s", videoAcrOrigin_.c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrFramesPerSecond      : %f", videoAcrFramesPerSecond_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrVideoWidth           : %u", videoAcrVideoWidth_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrVideoHeight          : %u", videoAcrVideoHeight_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrSamplePlaybackList   : %s",
-          JoinList(videoAcrSamplePlaybackList_).c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrSamplePlaybackSpeed  : %u", videoAcrSamplePlaybackSpeed_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrSampleSrcRate        : %f", videoAcrSampleSrcRate_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrVideoBufferCount     : %u", videoAcrVideoBufferCount_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->videoAcrSamplePlaybackCount  : %u", videoAcrSamplePlaybackCount_);
 }
 
 }  // namespace Ds

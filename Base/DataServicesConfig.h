@@ -52,8 +52,6 @@ class DataServicesConfig {
   uint32_t getVideoAcrVideoBufferCount() const;
   uint32_t getVideoAcrSamplePlaybackCount() const;
 
-  void logStateDebug() const;
-
  private:
   // Runs after the defaults are set and before the text is read, so that a
   // product build can change defaults the text may still override. This

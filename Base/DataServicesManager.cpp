@@ -458,33 +458,6 @@ void DataServicesManager::storeQueueFile() {
 
 // ---------------------------------------------------------------- logging
 
-void DataServicesManager::logStateDebug() {
-  LUM_TRACE(kDs);
-  if (!Core::Logger::Instance().test(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadState                          : %s",
-          UploadStateToString(uploadState_));
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadToken                          : %s",
-          uploadToken_.c_str());
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadRegion                         : %s",
-          uploadRegion_.c_str());
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadBusy                           : %d",
-          uploadBusy_);
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadWaiting                        : %d",
-          uploadWaiting_);
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadRetry                          : %d",
-          uploadRetry_);
-  LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "uploadStartupDelay                   : %d",
-          uploadStartupDelay_);
-  if (config_) {
-    config_->logStateDebug();
-  }
-  if (queue_) {
-    queue_->logStateDebug();
-  }
-}
-
 void DataServicesManager::logStatusInfo() {
   LUM_TRACE(kDs);
   if (queue_) {

@@ -48,7 +48,6 @@ class DataServicesManager : public Core::Manager, private Core::ControlCycle {
   unsigned submitDataItem(const char* item) EXCLUDES(Core::CoreMutex());
 
   DataServicesConfig* getDsConfigPtr() REQUIRES(Core::CoreMutex()) { return config_.get(); }
-  void logStateDebug() REQUIRES(Core::CoreMutex());
   using Manager::logStatusInfo;  // the per-section override stays visible
   void logStatusInfo() REQUIRES(Core::CoreMutex());
 

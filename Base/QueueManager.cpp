@@ -117,17 +117,6 @@ bool IsReadablePackage(const LumJson::Value& root) {
          rejected != nullptr && rejected->isUInt() && items != nullptr && items->isArray();
 }
 
-std::string JoinIds(const std::set<std::string>& ids) {
-  std::string joined;
-  for (const std::string& id : ids) {
-    if (!joined.empty()) {
-      joined += ",";
-    }
-    joined += id;
-  }
-  return joined;
-}
-
 }  // namespace
 
 QueueManager::QueueManager(uint32_t maximumDataBytes) : maximumBytes_(maximumDataBytes >> 1) {
@@ -348,39 +337,6 @@ bool QueueManager::unmarshalPackage(const std::string& text) {
   }
   logStateInfo();
   return true;
-}
-
-void QueueManager::logStateDebug() const {
-  LUM_TRACE(FP::SERVICE_DS);
-  if (!Core::Logger::Instance().test(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->allowedIds                    : %s", JoinIds(allowedIds_).c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->queueItems                    : %zu", queueItems_.size());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->packageItems                  : %zu", packageItems_.size());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->hash                          : %s", hash_.c_str());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->package                       : %zu bytes", package_.size());
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->currentBytes                  : %u", currentBytes_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->packageBytes                  : %u", packageBytes_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->maximumBytes                  : %u", maximumBytes_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->packageAllowedIdChanges       : %s", packageAllowedIdChanges_ ? "true" : "false");
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->droppedQueue                  : %u", droppedQueue_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->rejectedQueue                 : %u", rejectedQueue_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->droppedPackage                : %u", droppedPackage_);
-  LUM_LOG(FP::SERVICE_DS, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "queue->rejectedPackage               : %u", rejectedPackage_);
 }
 
 // The line reads, in order: the queue's fill in percent of the bound; the

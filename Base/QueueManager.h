@@ -56,7 +56,6 @@ class QueueManager {
   size_t getQueuedCount() const { return queueItems_.size(); }
   size_t getPackageCount() const { return packageItems_.size(); }
 
-  void logStateDebug() const;
   void logStateInfo() const;
 
  private:

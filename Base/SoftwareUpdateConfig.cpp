@@ -58,15 +58,5 @@ void SoftwareUpdateConfig::normalizeStagingLocation() {
   }
 }
 
-void SoftwareUpdateConfig::logStateDebug() const {
-  if (!Core::Logger::Instance().test(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "updateConfig->stagingLocation             : %s", stagingLocation_.c_str());
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "updateConfig->maxBlockSizeBytes           : %u", maxBlockSizeBytes_);
-}
-
 }  // namespace Su
 }  // namespace Lum

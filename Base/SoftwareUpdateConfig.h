@@ -18,7 +18,6 @@ class SoftwareUpdateConfig {
   const std::string& getStagingLocation() const { return stagingLocation_; }
   // 0: the update's own block size applies.
   uint32_t getMaxBlockSizeBytes() const { return maxBlockSizeBytes_; }
-  void logStateDebug() const;
 
  private:
   // Product builds set their own defaults here before the text is read.

@@ -961,27 +961,5 @@ void SoftwareUpdateManager::logStatusInfo(StatusSection section) {
   }
 }
 
-void SoftwareUpdateManager::logStateDebug() {
-  if (!Core::Logger::Instance().test(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "updateState                          : %s",
-          LumSoftwareUpdateStateToString(state_));
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "updateSource                         : %s",
-          LumSoftwareUpdateSourceToString(source_));
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "updatePermission                     : %s",
-          LumSoftwareUpdatePermissionToString(permission_));
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "updateLocalLocation                  : %s",
-          localLocation_.c_str());
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "updateNetworkMetadata                : %s",
-          networkMetadata_.c_str());
-  LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "updateVerifiedBytes                  : %llu",
-          static_cast<unsigned long long>(verified_));
-  if (config_) {
-    config_->logStateDebug();
-  }
-}
-
 }  // namespace Su
 }  // namespace Lum

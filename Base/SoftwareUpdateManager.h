@@ -71,7 +71,6 @@ class SoftwareUpdateManager : public Core::Manager, private Core::ControlCycle {
       EXCLUDES(Core::CoreMutex());
   unsigned setPermission(unsigned permission) EXCLUDES(Core::CoreMutex());
 
-  void logStateDebug() REQUIRES(Core::CoreMutex());
   static const char* MicroServiceToString(int microService);
 
  private:

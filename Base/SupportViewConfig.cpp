@@ -1,14 +1,9 @@
 #include "Base/SupportViewConfig.h"
 
 #include "Platform/JsonUtil.h"
-#include "Platform/Logger.h"
-
-LUM_SOURCE_FILE("Base/SupportViewConfig");
 
 namespace Lum {
 namespace Sv {
-
-using FP = Core::FilterProperties;
 
 SupportViewConfig::SupportViewConfig(const std::string& configText) {
   LumJson::Value config;
@@ -23,16 +18,6 @@ SupportViewConfig::SupportViewConfig(const std::string& configText) {
       Core::JsonUtil::ReadBool(section, "pauseSessionOnTerm", pauseSessionOnTerm_);
   allowRemoteSession_ =
       Core::JsonUtil::ReadBool(section, "allowRemoteSession", allowRemoteSession_);
-}
-
-void SupportViewConfig::logStateDebug() const {
-  if (!Core::Logger::Instance().test(FP::SERVICE_SV, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG)) {
-    return;
-  }
-  LUM_LOG(FP::SERVICE_SV, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->pauseSessionOnTerm           : %s", pauseSessionOnTerm_ ? "true" : "false");
-  LUM_LOG(FP::SERVICE_SV, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG,
-          "config->allowRemoteSession           : %s", allowRemoteSession_ ? "true" : "false");
 }
 
 }  // namespace Sv

@@ -19,8 +19,6 @@ class SupportViewConfig {
   bool getPauseSessionOnTerm() const { return pauseSessionOnTerm_; }
   bool getAllowRemoteSession() const { return allowRemoteSession_; }
 
-  void logStateDebug() const;
-
  private:
   bool pauseSessionOnTerm_ = true;
   bool allowRemoteSession_ = false;

@@ -113,7 +113,6 @@ class SupportViewManager : public Core::Manager {
   // These two take the core mutex.
   std::string getSessionToken() EXCLUDES(Core::CoreMutex());
   std::string getSvLbrAwsDomain() EXCLUDES(Core::CoreMutex());
-  SupportViewConfig* getSupportViewConfigPtr() REQUIRES(Core::CoreMutex()) { return config_.get(); }
 
   // The screen video and training remote hooks (not owned; null: nothing to
   // start). Set before LumInit by the piece that implements them.

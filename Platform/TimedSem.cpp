@@ -22,14 +22,6 @@ TimedSem::~TimedSem() {
   pthread_cond_destroy(&cond_);
 }
 
-void TimedSem::lock() {
-  mutex_.lock();
-}
-
-void TimedSem::unlock() {
-  mutex_.unlock();
-}
-
 void TimedSem::reset() {
   pthread_cond_signal(&cond_);
   signalled_ = true;

@@ -24,8 +24,6 @@ class TimedSem {
   TimedSem(const TimedSem&) = delete;
   TimedSem& operator=(const TimedSem&) = delete;
 
-  void lock() ACQUIRE(mutex_);
-  void unlock() RELEASE(mutex_);
   // Posts the signal, waking a waiter (or the next wait()).
   void reset();
   // Drops a posted signal that no wait() has taken, without releasing the

@@ -26,6 +26,16 @@ elseif(NOT LUM_SANITIZE STREQUAL "")
   message(FATAL_ERROR "LUM_SANITIZE must be '', 'address' or 'thread'")
 endif()
 
+# Coverage instrumentation (clang only) for scripts/coverage.sh.
+option(LUM_COVERAGE "Instrument for clang source-based coverage" OFF)
+if(LUM_COVERAGE)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "LUM_COVERAGE needs clang")
+  endif()
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
+endif()
+
 # The fuzzing option instruments the whole build, so it is read before any
 # target exists.
 include(${CMAKE_CURRENT_LIST_DIR}/LumFuzz.cmake)

@@ -4,7 +4,8 @@
 #                    [extra cmake arguments]
 #     flavour  release | asan (ASan + UBSan) | tsan | tsafety (clang's
 #              thread-safety analysis, every warning an error; built, not
-#              run); output in build/<flavour>
+#              run) | coverage (clang-14, source-based coverage,
+#              unoptimised); output in build/<flavour>
 #     purpose  tests (default): the library, the tools, the tests and, for
 #                               release, the benchmarks
 #              demo:            the library and the tools only
@@ -33,6 +34,7 @@ done
 
 build_type=RelWithDebInfo
 thread_safety=OFF
+coverage=OFF
 compilers=()
 case "$flavour" in
   release) sanitize="" ;;
@@ -43,6 +45,14 @@ case "$flavour" in
     sanitize=""
     build_type=Debug
     thread_safety=ON
+    compilers=(-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14)
+    ;;
+  coverage)
+    # Unoptimised, so that every source line keeps its own counter; clang,
+    # because its coverage counts branches as well as lines.
+    sanitize=""
+    build_type=Debug
+    coverage=ON
     compilers=(-DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14)
     ;;
   *) echo "unknown flavour $flavour" >&2; exit 2 ;;
@@ -59,6 +69,7 @@ fi
 cmake -S "$root" -B "$build_dir" -G Ninja \
   ${compilers[@]+"${compilers[@]}"} \
   -DCMAKE_BUILD_TYPE="$build_type" -DLUM_SANITIZE="$sanitize" -DLUM_THREAD_SAFETY="$thread_safety" \
+  -DLUM_COVERAGE="$coverage" \
   -DLUM_BUILD_TOOLS=ON -DLUM_BUILD_TESTS="$tests" -DLUM_BUILD_BENCH="$bench" \
   ${extra[@]+"${extra[@]}"} >/dev/null
 [ "$configure_only" = 1 ] && exit 0

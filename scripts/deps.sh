@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config binutils openssl
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev
   libgtest-dev libbenchmark-dev
-  clang-14
+  clang-14 llvm-14 libclang-rt-14-dev
 )
 
 missing=()

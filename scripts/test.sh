@@ -2,8 +2,9 @@
 # The whole test suite: every test in a normal build, again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the threaded tests under
 # ThreadSanitizer, after a clang build that checks the thread-safety
-# annotations (any finding fails it). Exits non-zero on any failure or
-# sanitizer report.
+# annotations (any finding fails it); then line and branch coverage against
+# the checked-in floor (scripts/coverage.sh). Exits non-zero on any failure,
+# sanitizer report or coverage below the floor.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/deps.sh"
@@ -34,8 +35,13 @@ run_suite release
 run_suite asan
 run_suite tsan -L threaded
 
+echo "=== coverage"
+if ! "$root/scripts/coverage.sh"; then
+  failed+=("coverage")
+fi
+
 if [ ${#failed[@]} -ne 0 ]; then
   echo "FAILED suites: ${failed[*]}"
   exit 1
 fi
-echo "All suites passed: tsafety, release, asan, tsan"
+echo "All suites passed: tsafety, release, asan, tsan, coverage"

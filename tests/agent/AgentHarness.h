@@ -59,9 +59,10 @@ class AgentHarness {
   void seedPersistedValues(const LumJson::Value& members) const;
 
   static const std::string kOpid;
+  // The PKI the back end and the device share, for documents signed by hand.
+  static const Lum::Tools::TestPki& Pki();
 
  private:
-  static const Lum::Tools::TestPki& Pki();
 
   TempDir dir_;
   std::unique_ptr<Lum::Tools::Backend> backend_;

@@ -1,6 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -211,6 +216,60 @@ TEST_F(LoggerTest, TestStaysConsistentWhileAnotherThreadReconfigures) {
   for (const std::string& line : ReadLines(path_)) {
     EXPECT_EQ("core state      info    racing", line);
   }
+}
+
+// The console appender writes each line to the stream it names, and only
+// lines that pass its filter.
+TEST_F(LoggerTest, ConsoleAppenderWritesToTheNamedStream) {
+  for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+    const std::string captured = dir_.file("console" + std::to_string(fd));
+    std::fflush(nullptr);
+    const int saved = dup(fd);
+    const int file = open(captured.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    ASSERT_TRUE(saved >= 0 && file >= 0 && dup2(file, fd) == fd);
+    close(file);
+    initialize(
+        "[" +
+        Element(fd == STDOUT_FILENO ? "stdout" : "stderr", "short", "state", "info", "console") +
+        "]");
+    LUM_LOG(CORE, STATE, 4, "to the console");
+    LUM_LOG(CORE, STATE, 5, "filtered out");
+    logger().terminate();
+    std::fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    EXPECT_EQ(std::vector<std::string>{"core state      info    to the console"},
+              ReadLines(captured))
+        << fd;
+  }
+}
+
+// The syslog appender hands each line that passes its filter to syslog(3)
+// under its ident, as LOG_USER; the priority table maps the agent's
+// severities all to 0, so the severity shows in the text. Needs /dev/log
+// free to stand in for the daemon.
+TEST_F(LoggerTest, SyslogAppenderSendsLinesWithTheirPriority) {
+  const char* const kLog = "/dev/log";
+  if (access(kLog, F_OK) == 0) GTEST_SKIP() << "a syslog daemon owns " << kLog;
+  const int daemon = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s", kLog);
+  ASSERT_EQ(0, bind(daemon, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  const timeval deadline{10, 0};
+  setsockopt(daemon, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+  initialize("[" + Element("lumtest", "short", "state", "info", "syslog") + "]");
+  LUM_LOG(CORE, STATE, 5, "filtered out");
+  LUM_LOG(CORE, STATE, 2, "to syslog");
+  logger().terminate();
+  char message[512] = {};
+  const ssize_t got = recv(daemon, message, sizeof message - 1, 0);
+  close(daemon);
+  unlink(kLog);
+  ASSERT_GT(got, 0);
+  const std::string text(message, static_cast<size_t>(got));
+  EXPECT_EQ(0u, text.find("<8>")) << text;  // LOG_USER | 0
+  EXPECT_NE(std::string::npos, text.find("lumtest: core state      error   to syslog")) << text;
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 #include "Platform/BinarySem.h"
@@ -68,6 +70,25 @@ TEST(TimedSem, ResetWakesWaiterOnAnotherThread) {
     waiter.join();
     EXPECT_EQ(result.load(), 0) << (withDeadline ? "with deadline" : "without deadline");
   }
+}
+
+// A deadline the system refuses ends the wait, reported as a signal, rather
+// than leaving the owner's thread blocked or spinning on it.
+TEST(TimedSem, RefusedDeadlineEndsTheWait) {
+  Mutex mutex;
+  TimedSem sem(mutex);
+  std::atomic<int> result{-1};
+  std::thread waiter([&] {
+    const timespec refused = {0, 2000000000L};
+    LockMutex lock(&mutex);
+    result = sem.wait(&refused) ? 1 : 0;
+  });
+  if (!LumTest::WaitFor([&] { return result.load() != -1; }, std::chrono::seconds(10))) {
+    std::fprintf(stderr, "TimedSem.RefusedDeadlineEndsTheWait: the wait never ended\n");
+    std::abort();  // the waiter cannot be joined
+  }
+  waiter.join();
+  EXPECT_EQ(result.load(), 0);
 }
 
 // Two threads hand control back and forth; each side may only proceed after
