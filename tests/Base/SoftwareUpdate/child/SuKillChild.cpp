@@ -57,10 +57,14 @@ int main(int argc, char** argv) {
     LumGetStatus(LumStatusMethodOnChange, &status);
     const unsigned state = status.updateState;
     const unsigned permission = status.updatePermission;
+    // After a finished round the agent restarts with the previous update
+    // still Downloaded until it has fetched the new offer: only the update
+    // this child was started for counts.
+    const bool ours = status.updateHash != nullptr && argv[5] == std::string(status.updateHash);
     LumFreeStatus(&status);
     if (state == LumSoftwareUpdateAvailable && permission != 1) {
       LumSetSoftwareUpdatePermission(1);
-    } else if (state == LumSoftwareUpdateDownloaded) {
+    } else if (state == LumSoftwareUpdateDownloaded && ours) {
       const bool verified = Sha256Hex(Read(argv[4])) == argv[5];
       Finish(argv[6], verified ? "OK" : "BAD", 0);
     } else if (state == LumSoftwareUpdateFailed) {
