@@ -83,14 +83,16 @@ void CollectorManager::cascadeStateChanges(const std::set<std::string>& allowedI
 }
 
 void CollectorManager::terminateBegin() {
-  LUM_TRACE(kDs);
+  // The thread is woken before anything that may allocate and throw.
   LockMutex lock(&mutex_);
+  if (initialized_) {
+    terminating_ = true;
+    sem_.reset();
+  }
+  LUM_TRACE(kDs);
   if (!initialized_) {
     LUM_LOG(kDs, FP::CATEGORY_STATE, FP::SEVERITY_WARNING, "Aborted call to terminateBegin()");
-    return;
   }
-  terminating_ = true;
-  sem_.reset();
 }
 
 void CollectorManager::terminateEnd() {

@@ -181,9 +181,14 @@ unsigned CoreManager::terminate(bool factoryReset) {
       return refusal;
     }
     state_ = factoryReset ? FactoryResetting : Terminating;
-    signalStatusChange();
+    // From here the shutdown must reach state 0 whatever fails (an exhausted
+    // heap included): a step that threw would otherwise leave the agent
+    // "terminating" for good, and the host unable to start it again.
     beginTermination();
-    evaluateStateChanges();
+    ExceptionBarrier::Run("LumTerm", [this]() REQUIRES(CoreMutex()) {
+      signalStatusChange();
+      evaluateStateChanges();
+    });
     ThreadUtil::Start(terminateThread_, TerminateThread, this, "TerminateThread");
     if (terminateThread_.started()) {
       return LUM_RESULT_SUCCESS;
@@ -197,14 +202,19 @@ unsigned CoreManager::terminate(bool factoryReset) {
 void CoreManager::beginTermination() {
   // Transfers in flight end now instead of at their time-outs, so that the
   // shutdown never waits on the network.
+  // Every thread is woken before anything that may allocate, and each
+  // manager's part is fenced off: a thread left asleep would be joined for
+  // ever.
   transfersCancelled_.store(true);
-  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
   if (delaySem_ != nullptr) {
     delaySem_->reset();
   }
   for (Manager* manager : managers_) {
-    manager->terminateBegin();
+    ExceptionBarrier::Run("LumTerm", [manager]() REQUIRES(CoreMutex()) { manager->terminateBegin(); });
   }
+  ExceptionBarrier::Run("LumTerm", [] {
+    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
+  });
 }
 
 void* CoreManager::TerminateThread(void* arg) {

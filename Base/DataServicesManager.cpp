@@ -104,9 +104,9 @@ void DataServicesManager::initialize(const Core::ManagerContext& context) {
 }
 
 void DataServicesManager::terminateBegin() {
-  LUM_TRACE(kDs);
-  CollectorManager::Instance()->terminateBegin();
   sem_.reset();
+  CollectorManager::Instance()->terminateBegin();
+  LUM_TRACE(kDs);
 }
 
 void DataServicesManager::terminateEnd() {

@@ -110,10 +110,10 @@ void DrmpManager::initialize(const Core::ManagerContext& context) {
 }
 
 void DrmpManager::terminateBegin() {
-  LUM_TRACE(kDrmp);
   terminating_ = true;
-  LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "DrmpControl delay being reset");
   sem_.reset();
+  LUM_TRACE(kDrmp);
+  LUM_LOG(kDrmp, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "DrmpControl delay being reset");
 }
 
 void DrmpManager::terminateEnd() {

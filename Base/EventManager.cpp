@@ -68,9 +68,9 @@ void EventManager::queueEvent(const std::string& event, uint32_t id,
 }
 
 void EventManager::terminateBegin() {
-  LUM_TRACE(kCore);
   terminating_ = true;
   sem_.giveLocked();
+  LUM_TRACE(kCore);
 }
 
 void EventManager::terminateEnd() {

@@ -164,11 +164,11 @@ void SoftwareUpdateManager::initialize(const Core::ManagerContext& context) {
 }
 
 void SoftwareUpdateManager::terminateBegin() {
+  sem_.reset();
   LUM_TRACE(kSu);
   if (waiting_) {
     LUM_LOG(kSu, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "UpdateControl delay being reset");
   }
-  sem_.reset();
 }
 
 void SoftwareUpdateManager::terminateEnd() {

@@ -184,16 +184,18 @@ void SupportViewManager::initialize(const Core::ManagerContext& context) {
 }
 
 void SupportViewManager::terminateBegin() {
-  LUM_TRACE(kSv);
   terminating_ = true;
   const bool factoryReset = TheCore().getDeviceAgentState() == Core::FactoryResetting;
   const bool pause = config_ != nullptr && config_->getPauseSessionOnTerm() && !factoryReset;
   if (!sessionHeld()) {
     sessionRequest_ = RequestNone;
   } else if (sessionRequest_ == RequestResume && pause) {
-    // Still suspended at the back end: it stays so, without a call.
-    storeSessionToken();
-    retireSessionToken();
+    // Still suspended at the back end: it stays so, without a call. The
+    // threads below are woken even if storing the token fails.
+    Core::ExceptionBarrier::Run("LumTerm", [this]() REQUIRES(Core::CoreMutex()) {
+      storeSessionToken();
+      retireSessionToken();
+    });
   } else if (sessionRequest_ != RequestTerminate) {
     // Whatever was pending, the session thread's one job now is to suspend
     // or end the session before it leaves.
@@ -626,9 +628,11 @@ SupportViewManager::ThreadActivity SupportViewManager::busyOrDelay(
   return thread.retry ? ThreadActivityDelay : ThreadActivityBusy;
 }
 
+// Woken first: the log line may allocate, and a thread left asleep at a stop
+// would be joined for ever.
 void SupportViewManager::resetThread(ControlThread& thread, const char* line) {
-  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s", line);
   thread.sem.reset();
+  LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "%s", line);
 }
 
 bool SupportViewManager::taskRoomLeft() const {
