@@ -118,7 +118,9 @@ class CoreManager : private ControlCycle {
   // though it is not a poll.
   MicroService chooseNextCall(bool& holdBack);
   void scheduleNextCall(MicroService call, bool holdBack);
-  void getResponseBody(MicroService ms, const std::string& body);
+  // False when a registration or state answer is of no use (not a JSON
+  // object, no token).
+  bool getResponseBody(MicroService ms, const std::string& body);
   void readSynchronizeAnswer(const LumJson::Value& answer);
   void queueEvents(const LumJson::Value& events);
   std::string buildRequestBody(MicroService ms);
