@@ -526,16 +526,31 @@ void SupportViewManager::loadSessionToken() {
     return;
   }
   Core::FileUtil::Drop(path, kSessionFileName);
-  LumJson::Value record;
-  if (!Core::JsonUtil::ParseObject(text, record) || !record["code"].isString() ||
-      !record["token"].isString() || record["token"].asString().empty()) {
+  std::string code;
+  std::string token;
+  if (!ReadSessionRecord(text, code, token)) {
     LUM_LOG(kSv, FP::CATEGORY_STATE, FP::SEVERITY_WARNING, "Ignoring unusable %s file",
             kSessionFileName);
     return;
   }
-  takeSession(record["code"].asString(), record["token"].asString());
+  takeSession(code, token);
+  LumJson::Value record(LumJson::objectValue);
+  record["code"] = code;
+  record["token"] = token;
   LogJson("svSessionLoad", record);
   startSessionParts();
+}
+
+bool SupportViewManager::ReadSessionRecord(const std::string& text, std::string& code,
+                                           std::string& token) {
+  LumJson::Value record;
+  if (!Core::JsonUtil::ParseObject(text, record) || !record["code"].isString() ||
+      !record["token"].isString() || record["token"].asString().empty()) {
+    return false;
+  }
+  code = record["code"].asString();
+  token = record["token"].asString();
+  return true;
 }
 
 void SupportViewManager::takeSession(const std::string& code, const std::string& token) {

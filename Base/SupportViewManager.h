@@ -122,6 +122,10 @@ class SupportViewManager : public Core::Manager {
   void logStateInfo();
   void logStateDebug();
 
+  // The code and token of a stored "session" file; false when the text is
+  // not an object with a text code and a non-empty text token.
+  static bool ReadSessionRecord(const std::string& text, std::string& code, std::string& token);
+
   static const char* SessionStateToString(int state);
   static const char* SessionRequestToString(int request);
   static const char* ThreadActivityToString(int activity);

@@ -14,3 +14,7 @@ elseif(LUM_SANITIZE STREQUAL "thread")
 elseif(NOT LUM_SANITIZE STREQUAL "")
   message(FATAL_ERROR "LUM_SANITIZE must be '', 'address' or 'thread'")
 endif()
+
+# The fuzzing option instruments the whole build, so it is read before any
+# target exists.
+include(${CMAKE_CURRENT_LIST_DIR}/LumFuzz.cmake)

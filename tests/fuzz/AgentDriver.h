@@ -6,7 +6,6 @@
 // the control thread, one round at a time, on a clock it moves itself. Every
 // call is answered by the injector, so nothing goes to the network.
 
-#include <ftw.h>
 #include <lum.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -27,16 +26,12 @@
 #include "Platform/Mutex.h"
 #include "Platform/RandomUtil.h"
 #include "Platform/UnlockMutex.h"
+#include "fuzz/FuzzSupport.h"
 #include "tools/pki/TestPki.h"
 
 namespace LumFuzz {
 
 using Lum::Core::ControlCycle;
-
-[[noreturn]] inline void Fail(const std::string& reason) {
-  std::fprintf(stderr, "PROPERTY FAILED: %s\n", reason.c_str());
-  std::abort();
-}
 
 // A monotonic clock that stands still until the driver moves it, and a
 // fixed wall clock that is never written to the machine.
@@ -116,15 +111,6 @@ class NoThreads {
   pthread_attr_t saved_;
 };
 
-// Removes what the last input left and makes the directory anew.
-inline void ClearDirectory(const std::string& dir) {
-  nftw(
-      dir.c_str(),
-      [](const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }, 16,
-      FTW_DEPTH | FTW_PHYS);
-  mkdir(dir.c_str(), 0700);
-}
-
 class Agent {
  public:
   // Once per process: the device's credentials and a scratch directory.
@@ -136,9 +122,8 @@ class Agent {
       Fail("test PKI generation failed");
     }
     identity_ = device.identityJson(false);
-    const char* tmp = std::getenv("TMPDIR");
-    dir_ = std::string(tmp != nullptr && *tmp != 0 ? tmp : "/dev/shm") + "/lumfuzz-" + name + "-" +
-           std::to_string(getpid());
+    dir_ = WorkDir() + name;
+    mkdir(dir_.c_str(), 0700);
     Lum::Core::Clock::Set(&clock_);
   }
 
@@ -148,7 +133,7 @@ class Agent {
   // Starts the agent afresh in an empty directory, without threads. The
   // extra configuration sections are merged in.
   void start(const LumJson::Value& sections = LumJson::Value()) {
-    ClearDirectory(dir_);
+    ClearDir(dir_);
     clock_.reset();
     LumJson::Value config(LumJson::objectValue);
     config["core"]["persistentPath"] = dir_;

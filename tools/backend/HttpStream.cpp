@@ -3,7 +3,9 @@
 #include <strings.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 #include "tools/backend/MultipartParser.h"
 
@@ -38,9 +40,16 @@ bool ParseLength(const std::string& text, size_t* length) {
 
 }  // namespace
 
+HttpStream::HttpStream(SSL* ssl)
+    : reader_([ssl](char* data, int size) { return SSL_read(ssl, data, size); }),
+      writer_([ssl](const char* data, int size) { return SSL_write(ssl, data, size); }) {}
+
+HttpStream::HttpStream(Reader reader, Writer writer)
+    : reader_(std::move(reader)), writer_(std::move(writer)) {}
+
 bool HttpStream::fill() {
   char chunk[kReadChunk];
-  int received = SSL_read(ssl_, chunk, sizeof(chunk));
+  int received = reader_(chunk, static_cast<int>(sizeof(chunk)));
   if (received <= 0) {
     return false;  // end of stream, idle time-out, or the server is stopping
   }
@@ -55,7 +64,7 @@ bool HttpStream::writeAll(const std::string& data) {
     if (piece > (1u << 30)) {
       piece = 1u << 30;
     }
-    int written = SSL_write(ssl_, data.data() + sent, static_cast<int>(piece));
+    int written = writer_(data.data() + sent, static_cast<int>(piece));
     if (written <= 0) {
       return false;
     }
@@ -110,9 +119,17 @@ bool HttpStream::readChunkedBody(std::string* body) {
     if (!readLine(&sizeLine)) {
       return false;
     }
+    // Hex digits, then at most extensions after ';'. strtoull alone would
+    // take a sign ("-1" reads as the largest value) and the sum below could
+    // wrap; either would let a client make the body grow without bound.
+    if (sizeLine.empty() || !std::isxdigit(static_cast<unsigned char>(sizeLine[0]))) {
+      return false;
+    }
     char* end = nullptr;
+    errno = 0;
     unsigned long long size = std::strtoull(sizeLine.c_str(), &end, 16);
-    if (end == sizeLine.c_str() || body->size() + size > kMaxBodyBytes) {
+    if (errno == ERANGE || (*end != '\0' && *end != ';' && *end != ' ' && *end != '\t') ||
+        size > kMaxBodyBytes - body->size()) {
       return false;
     }
     if (size == 0) {

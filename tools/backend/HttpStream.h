@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 
+#include <functional>
 #include <string>
 
 #include "tools/backend/HttpExchange.h"
@@ -19,7 +20,14 @@ class HttpStream {
   static constexpr size_t kMaxHeaderBytes = 64 * 1024;
   static constexpr size_t kMaxBodyBytes = 512 * 1024 * 1024;
 
-  explicit HttpStream(SSL* ssl) : ssl_(ssl) {}
+  // Reads up to `size` bytes into `data`; the count, or <= 0 at the end.
+  using Reader = std::function<int(char* data, int size)>;
+  // Writes up to `size` bytes; the count written, or <= 0 on failure.
+  using Writer = std::function<int(const char* data, int size)>;
+
+  explicit HttpStream(SSL* ssl);
+  // Over any byte source and sink, so the framing can be driven from memory.
+  HttpStream(Reader reader, Writer writer);
 
   // Reads the next request into method, target, path, version, host, headers,
   // body and (for multipart forms) parts. Closed when the peer ended the
@@ -45,7 +53,8 @@ class HttpStream {
   static bool ParseHead(const std::string& head, RecordedRequest* request);
   std::string statusAndHeaders(const Reply& reply, bool keepAlive) const;
 
-  SSL* ssl_;
+  Reader reader_;
+  Writer writer_;
   std::string buffer_;  // received but not yet consumed bytes
 };
 

@@ -5,7 +5,7 @@
 #include <set>
 
 #include "Base/CoreManager.h"
-#include "tests/fuzz/AgentDriver.h"
+#include "fuzz/AgentDriver.h"
 
 namespace {
 
