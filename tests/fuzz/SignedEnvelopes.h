@@ -50,9 +50,9 @@ class SignedEnvelopes {
       envelope = Lum::Core::JsonUtil::WriteCompact(parsed);
     }
     // A JSON text carries only UTF-8: other bytes arrive as U+FFFD, and what
-    // arrives is not what was signed.
+    // arrives is not what was signed. An empty document is no document.
     LumJson::Value carried;
-    mustOpen = Lum::Core::JsonUtil::ParseObject(envelope, carried) &&
+    mustOpen = !document.empty() && Lum::Core::JsonUtil::ParseObject(envelope, carried) &&
                carried["document"].asString() == document;
     return envelope;
   }
