@@ -178,6 +178,9 @@ struct Round {
   ControlCycle::Step step = ControlCycle::Step::Stop;
   long long waitedMs = 0;  // the wait before the call, moved through on the clock
   bool called = false;
+  std::string url;   // of the call
+  std::string sent;  // its body, or the data it sent
+  long status = 0;   // of its answer
 };
 
 // One round of the control loop with `mutex` held, as the agent's thread
@@ -211,6 +214,11 @@ inline Round RunRound(ControlCycle& cycle, Lum::Core::Mutex& mutex, SteppingCloc
     cycle.perform(request, response);
   }
   if (!request.mock) Fail("a request went past the injector: " + request.url);
+  round.url = request.url;
+  round.sent = request.data != nullptr
+                   ? std::string(reinterpret_cast<const char*>(request.data), request.dataLength)
+                   : request.body;
+  round.status = response.statusCode;
   cycle.postMicroService(response);
   round.called = true;
   return round;
