@@ -35,6 +35,7 @@ void CheckSession(SupportViewManager& sv, Lum::Core::Mutex& mutex) {
   {
     Lum::Core::UnlockMutex unlocked(mutex);
     held = !sv.getSessionToken().empty();
+    LumFreeStatus(&status);
   }
   if (state > LumSessionDisabled) LumFuzz::Fail("session state " + std::to_string(state));
   if ((state == LumSessionReady || state == LumSessionJoined) && !held) {
