@@ -533,7 +533,11 @@ void CoreManager::postMicroService(Http::Response& response) {
     return;
   }
   if (status < 300) {
-    getResponseBody(ms, response.body);
+    // A success that carries nothing usable is a failed call: taken as
+    // done, the same call would follow at once, again and again.
+    if (!getResponseBody(ms, response.body)) {
+      volatile_->retry = true;
+    }
   } else {
     volatile_->retry = true;
     if (status == 422) {
@@ -547,16 +551,17 @@ void CoreManager::postMicroService(Http::Response& response) {
           MicroServiceToString(ms), static_cast<unsigned>(status));
 }
 
-void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
+bool CoreManager::getResponseBody(MicroService ms, const std::string& body) {
   LumJson::Value answer;
   if (!JsonUtil::ParseObject(body, answer)) {
-    return;
+    // A poll that learns nothing waits its poll delay anyway.
+    return ms == CheckForNotification;
   }
   PersistentValues& p = *persistent_;
   switch (ms) {
     case GetDeviceIdentity:
       p.setGidToken(JsonUtil::ReadText(answer, "daGidToken", p.getGidToken()));
-      break;
+      return !p.getGidToken().empty();
     case CheckForNotification:
       if (!JsonUtil::ReadBool(answer, "daStateSynchronized", true)) {
         p.setSynchronized(false);
@@ -566,6 +571,7 @@ void CoreManager::getResponseBody(MicroService ms, const std::string& body) {
       readSynchronizeAnswer(answer);
       break;
   }
+  return true;
 }
 
 void CoreManager::readSynchronizeAnswer(const LumJson::Value& answer) {

@@ -122,7 +122,9 @@ class CoreManager : private ControlCycle {
   // though it is not a poll.
   MicroService chooseNextCall(bool& holdBack) REQUIRES(CoreMutex());
   void scheduleNextCall(MicroService call, bool holdBack) REQUIRES(CoreMutex());
-  void getResponseBody(MicroService ms, const std::string& body) REQUIRES(CoreMutex());
+  // False when a registration or state answer is of no use (not a JSON
+  // object, no token).
+  bool getResponseBody(MicroService ms, const std::string& body) REQUIRES(CoreMutex());
   void readSynchronizeAnswer(const LumJson::Value& answer) REQUIRES(CoreMutex());
   void queueEvents(const LumJson::Value& events) REQUIRES(CoreMutex());
   std::string buildRequestBody(MicroService ms) REQUIRES(CoreMutex());

@@ -854,6 +854,16 @@ void SupportViewManager::deadlineFor(ControlThread& thread, timespec& deadline) 
   }
 }
 
+Core::ControlCycle& SupportViewManager::cycleFor(MicroService ms) {
+  if (ms == GetCommand) {
+    return getTaskCycle_;
+  }
+  if (ms == PutCommand) {
+    return putTaskCycle_;
+  }
+  return sessionCycle_;
+}
+
 SupportViewManager::ControlThread& SupportViewManager::threadFor(MicroService ms) {
   return ms == GetCommand ? getTask_ : ms == PutCommand ? putTask_ : session_;
 }

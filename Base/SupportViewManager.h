@@ -125,6 +125,10 @@ class SupportViewManager : public Core::Manager {
   // not an object with a text code and a non-empty text token.
   static bool ReadSessionRecord(const std::string& text, std::string& code, std::string& token);
 
+  // The request cycle of the control thread that makes `ms`, so that its
+  // rounds can be driven by hand where the thread does not run.
+  Core::ControlCycle& cycleFor(MicroService ms);
+
   static const char* SessionStateToString(int state);
   static const char* SessionRequestToString(int request);
   static const char* ThreadActivityToString(int activity);
