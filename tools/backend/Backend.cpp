@@ -292,7 +292,7 @@ bool Backend::start(std::string* error) {
     return takeConnectionFault(serverName);
   };
   server_ = std::make_unique<TlsServer>(std::move(callbacks), options_.idleTimeout);
-  if (!reconfigureTls(error) || !server_->start(options_.bindAddress, options_.port, error)) {
+  if (!reconfigureTls(error) || !server_->start(options_.bindAddress, port_ != 0 ? port_ : options_.port, error)) {
     server_.reset();
     return false;
   }

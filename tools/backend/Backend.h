@@ -152,7 +152,9 @@ class Backend {
   Backend& operator=(const Backend&) = delete;
 
   // Binds and starts serving; false (reason in *error) when the TLS set-up or
-  // the bind fails.
+  // the bind fails. A start after a stop binds the port of the first start
+  // again, so device certificates that name it stay good: a back end that
+  // was down comes back.
   bool start(std::string* error = nullptr);
   void stop();
   int port() const;
