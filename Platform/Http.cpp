@@ -34,6 +34,13 @@ const int kTrace = FilterProperties::SEVERITY_TRACE;
 
 const long kKeepAliveSeconds = 10;
 
+// The back end's JSON answers are a few kilobytes; a server that sends more
+// than this is cut off rather than allowed to fill the television's memory
+// for as long as the message time-out lasts (large downloads go to a caller
+// buffer of bounded size instead).
+const size_t kMaxTextBodyBytes = 4 * 1024 * 1024;
+const size_t kMaxHeaderBytes = 256 * 1024;
+
 // An OCSP answer without nextUpdate never expires by libcurl's own check; one
 // older than this is refused. The leeway allows for a clock a little off.
 const long kOcspMaxAgeSeconds = 7L * 24 * 60 * 60;
@@ -215,7 +222,17 @@ size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
   Http::Response* response = static_cast<Http::Response*>(userData);
   const size_t total = size * count;
   if (response->bodyBuffer == nullptr) {
-    response->body.append(data, total);
+    if (total > kMaxTextBodyBytes - std::min(response->body.size(), kMaxTextBodyBytes)) {
+      LUM_LOG(kCore, kWeb, kError, "Answer body beyond %u bytes, transfer ended",
+              static_cast<unsigned>(kMaxTextBodyBytes));
+      return 0;  // libcurl ends the transfer with a write error
+    }
+    // An exception must not unwind through libcurl's C frames.
+    try {
+      response->body.append(data, total);
+    } catch (...) {
+      return 0;
+    }
     return total;
   }
   if (response->bodyMaxLength == 0) {
@@ -242,8 +259,22 @@ size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
 
 size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
   std::vector<std::string>* headers = static_cast<std::vector<std::string>*>(userData);
-  headers->emplace_back(data, size * count);
-  return size * count;
+  const size_t total = size * count;
+  size_t held = 0;
+  for (const std::string& line : *headers) {
+    held += line.size();
+  }
+  if (total > kMaxHeaderBytes - std::min(held, kMaxHeaderBytes)) {
+    LUM_LOG(kCore, kWeb, kError, "Answer headers beyond %u bytes, transfer ended",
+            static_cast<unsigned>(kMaxHeaderBytes));
+    return 0;
+  }
+  try {
+    headers->emplace_back(data, total);
+  } catch (...) {
+    return 0;
+  }
+  return total;
 }
 
 // What the progress callback of one transfer works with.

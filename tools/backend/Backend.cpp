@@ -288,8 +288,11 @@ bool Backend::start(std::string* error) {
   callbacks.answered = [this](const RecordedRequest& request) {
     recordAnswer(request, request.status);
   };
+  callbacks.connectionFault = [this](const std::string& serverName) {
+    return takeConnectionFault(serverName);
+  };
   server_ = std::make_unique<TlsServer>(std::move(callbacks), options_.idleTimeout);
-  if (!reconfigureTls(error) || !server_->start(options_.bindAddress, options_.port, error)) {
+  if (!reconfigureTls(error) || !server_->start(options_.bindAddress, port_ != 0 ? port_ : options_.port, error)) {
     server_.reset();
     return false;
   }
@@ -394,9 +397,51 @@ void Backend::injectFault(const std::string& path, const Fault& fault) {
   faults_[path] = fault;
 }
 
+void Backend::injectConnectionFault(const std::string& serverName, ConnectionFault fault,
+                                    int count) {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  connectionFaults_[serverName] = {fault, count};
+}
+
 void Backend::clearFaults() {
   std::lock_guard<std::mutex> lock(stateMutex_);
   faults_.clear();
+  connectionFaults_.clear();
+}
+
+ConnectionFault Backend::takeConnectionFault(const std::string& serverName) {
+  ConnectionFault fault;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    auto it = connectionFaults_.find(serverName);
+    if (it == connectionFaults_.end() || it->second.second == 0) {
+      return ConnectionFault::None;
+    }
+    fault = it->second.first;
+    if (it->second.second > 0 && --it->second.second == 0) {
+      connectionFaults_.erase(it);
+    }
+  }
+  countFaultTaken();
+  return fault;
+}
+
+void Backend::countFaultTaken() {
+  {
+    std::lock_guard<std::mutex> lock(recordMutex_);
+    ++faultsTaken_;
+  }
+  recordCv_.notify_all();
+}
+
+unsigned Backend::faultsTaken() const {
+  std::lock_guard<std::mutex> lock(recordMutex_);
+  return faultsTaken_;
+}
+
+bool Backend::waitForFaultsTaken(unsigned n, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(recordMutex_);
+  return recordCv_.wait_for(lock, timeout, [&] { return faultsTaken_ >= n; });
 }
 
 bool Backend::takeFault(const std::string& path, Fault* fault) {
@@ -422,6 +467,7 @@ bool Backend::applyFault(const RecordedRequest& request, Reply& reply) {
   if (!takeFault(request.path, &fault)) {
     return false;
   }
+  countFaultTaken();
   if (fault.delay.count() > 0 && !waitUnlessStopping(fault.delay)) {
     reply.action = Reply::Action::Drop;
     return true;
@@ -432,6 +478,25 @@ bool Backend::applyFault(const RecordedRequest& request, Reply& reply) {
     reply.action = Reply::Action::StallAfterHeaders;
     reply.json(fault.status != 0 ? fault.status : 200, "{}");
     reply.stallLimit = fault.stallAfterHeaders;
+  } else if (fault.trickle.count() > 0) {
+    reply.action = Reply::Action::Trickle;
+    reply.json(fault.status != 0 ? fault.status : 200, "{}");
+    reply.byteInterval = fault.trickle;
+  } else if (fault.resetMidBody) {
+    reply.action = Reply::Action::ResetMidBody;
+    reply.json(fault.status != 0 ? fault.status : 200, std::string(64 * 1024, ' '));
+  } else if (fault.bodyBytes > 0) {
+    reply.status = fault.status != 0 ? fault.status : 200;
+    reply.contentType = "application/json";
+    reply.body.assign(fault.bodyBytes, 'x');
+  } else if (fault.headerBytes > 0) {
+    reply.json(fault.status != 0 ? fault.status : 200, "{}");
+    // Lines of 1 KiB, each well within what a client takes per line.
+    for (size_t i = 0; i * 1024 < fault.headerBytes; ++i) {
+      reply.headers.emplace_back("X-Filler-" + std::to_string(i), std::string(1000, 'h'));
+    }
+  } else if (fault.closeNotify) {
+    reply.action = Reply::Action::CloseNotify;
   } else if (fault.status != 0) {
     reply.json(fault.status, "{}");
   } else if (fault.notJson) {

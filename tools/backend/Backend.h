@@ -60,6 +60,13 @@ struct Fault {
   bool drop = false;                   // close the connection without an answer
   // Send status line and headers, then hang this long (or until stop) and close.
   std::chrono::milliseconds stallAfterHeaders{0};
+  // Send the whole answer (the status, or 200, with an empty JSON body) one
+  // byte every this long, status line and headers included.
+  std::chrono::milliseconds trickle{0};
+  bool resetMidBody = false;  // status line, headers, half of a 64 KiB body, then a reset
+  size_t bodyBytes = 0;       // answer the status (or 200) with this many bytes, not JSON
+  size_t headerBytes = 0;     // answer the status (or 200) with this many bytes of headers
+  bool closeNotify = false;   // send TLS's closing alert instead of an answer
 };
 
 // What the back end knows of one device (by client-certificate CN).
@@ -145,7 +152,9 @@ class Backend {
   Backend& operator=(const Backend&) = delete;
 
   // Binds and starts serving; false (reason in *error) when the TLS set-up or
-  // the bind fails.
+  // the bind fails. A start after a stop binds the port of the first start
+  // again, so device certificates that name it stay good: a back end that
+  // was down comes back.
   bool start(std::string* error = nullptr);
   void stop();
   int port() const;
@@ -227,7 +236,13 @@ class Backend {
 
   // Faults, per path ("/api/v1/da/state") or "*" for every path.
   void injectFault(const std::string& path, const Fault& fault);
-  void clearFaults();
+  // The next `count` connections (negative: until cleared) that ask for the
+  // host `serverName` ("acme-da.lum.localhost") during the handshake.
+  void injectConnectionFault(const std::string& serverName, ConnectionFault fault, int count = 1);
+  void clearFaults();  // both kinds
+  // Faults of either kind applied so far; waits until at least n.
+  unsigned faultsTaken() const;
+  bool waitForFaultsTaken(unsigned n, std::chrono::milliseconds timeout) const;
 
   // The record of requests.
   std::vector<RecordedRequest> requests() const;
@@ -264,6 +279,8 @@ class Backend {
   void handle(RecordedRequest& request, Reply& reply);
   bool applyFault(const RecordedRequest& request, Reply& reply);
   bool takeFault(const std::string& path, Fault* fault);
+  ConnectionFault takeConnectionFault(const std::string& serverName);
+  void countFaultTaken();
   bool waitUnlessStopping(std::chrono::milliseconds duration);
   RouteHandler findRoute(const std::string& path) const;
   void recordArrival(RecordedRequest& request);
@@ -317,6 +334,8 @@ class Backend {
   bool synchronizedAnswer_ = true;
   unsigned long tokenCounter_ = 0;
   std::map<std::string, Fault> faults_;
+  std::map<std::string, std::pair<ConnectionFault, int>> connectionFaults_;
+  unsigned faultsTaken_ = 0;  // guarded by recordMutex_, signalled through recordCv_
   std::string uploadRegion_ = "eu1";
 
   // The record, guarded by recordMutex_; recordCv_ signals arrivals and answers.

@@ -47,6 +47,9 @@ struct Reply {
     Answer,             // send status, headers and body
     Drop,               // close the connection without any answer
     StallAfterHeaders,  // send status line and headers, then hang until stallLimit or stop
+    Trickle,            // send the whole answer one byte every byteInterval (until stop)
+    ResetMidBody,       // send status line, headers and half the body, then a TCP reset
+    CloseNotify,        // send TLS's closing alert instead of any answer
   };
   Action action = Action::Answer;
   int status = 200;
@@ -54,12 +57,22 @@ struct Reply {
   std::vector<std::pair<std::string, std::string>> headers;  // extra headers
   std::string body;
   std::chrono::milliseconds stallLimit{0};
+  std::chrono::milliseconds byteInterval{0};
 
   void json(int statusCode, const std::string& text) {
     status = statusCode;
     contentType = "application/json";
     body = text;
   }
+};
+
+// How the server treats a new connection, decided by the name the client
+// asked for (SNI) before the handshake completes.
+enum class ConnectionFault {
+  None,
+  SilentAfterAccept,     // read the client's hello, then send nothing (until the limit or stop)
+  SilentAfterHandshake,  // complete the handshake, then neither read nor send
+  AlertInHandshake,      // end the handshake with a fatal alert
 };
 
 // Protocol versions the server may offer.

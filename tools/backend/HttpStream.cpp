@@ -264,6 +264,20 @@ bool HttpStream::writeHeadersOnly(const Reply& reply) {
   return writeAll(statusAndHeaders(reply, false));
 }
 
+bool HttpStream::writeTrickled(const Reply& reply, const std::function<bool()>& pause) {
+  const std::string answer = statusAndHeaders(reply, false) + reply.body;
+  for (char byte : answer) {
+    if (!writeAll(std::string(1, byte)) || !pause()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool HttpStream::writeHalf(const Reply& reply) {
+  return writeAll(statusAndHeaders(reply, false) + reply.body.substr(0, reply.body.size() / 2));
+}
+
 void HttpStream::writeError(int status) {
   Reply reply;
   reply.status = status;

@@ -37,6 +37,11 @@ class HttpStream {
   bool writeReply(const Reply& reply, bool keepAlive, bool omitBody);
   // Status line and headers announcing the body, but not the body.
   bool writeHeadersOnly(const Reply& reply);
+  // The whole answer, one byte at a time; `pause` runs between bytes and
+  // ends the trickle when it answers false.
+  bool writeTrickled(const Reply& reply, const std::function<bool()>& pause);
+  // Status line, headers and the first half of the body.
+  bool writeHalf(const Reply& reply);
   // A minimal answer to a request that could not be read; the connection closes.
   void writeError(int status);
 

@@ -25,6 +25,8 @@ constexpr int kListenBacklog = 64;
 // A client that stops reading a large answer does not hold a thread forever.
 constexpr int kSendTimeoutSeconds = 30;
 constexpr unsigned char kSessionContext[] = "lum-backend";
+// How long a connection fault keeps a client waiting, unless stop comes first.
+constexpr std::chrono::seconds kSilenceLimit{120};
 
 int ProtocolVersion(TlsVersion version) {
   switch (version) {
@@ -70,6 +72,14 @@ void IgnoreBrokenPipes() {
   if (sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
     signal(SIGPIPE, SIG_IGN);
   }
+}
+
+// A zero linger time makes close() send a reset instead of a FIN.
+void ResetOnClose(int fd) {
+  linger abort{};
+  abort.l_onoff = 1;
+  abort.l_linger = 0;
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
 }
 
 bool IsHead(const RecordedRequest& request) {
@@ -121,6 +131,8 @@ bool TlsServer::configure(const TlsSettings& settings, std::string* error) {
   SSL_CTX_set_options(raw, SSL_OP_NO_TICKET);
   SSL_CTX_set_tlsext_status_cb(raw, &TlsServer::OcspStatusCallback);
   SSL_CTX_set_tlsext_status_arg(raw, this);
+  SSL_CTX_set_tlsext_servername_callback(raw, &TlsServer::ServerNameCallback);
+  SSL_CTX_set_tlsext_servername_arg(raw, this);
 
   std::lock_guard<std::mutex> lock(ctxMutex_);
   SSL_CTX_free(ctx_);
@@ -152,6 +164,32 @@ int TlsServer::stapleOcsp(SSL* ssl) {
   if (SSL_set_tlsext_status_ocsp_resp(ssl, copy, static_cast<long>(ocspDer_.size())) != 1) {
     OPENSSL_free(copy);
     return SSL_TLSEXT_ERR_NOACK;
+  }
+  return SSL_TLSEXT_ERR_OK;
+}
+
+int TlsServer::ServerNameCallback(SSL* ssl, int* alert, void* arg) {
+  return static_cast<TlsServer*>(arg)->applyConnectionFault(ssl, alert);
+}
+
+int TlsServer::applyConnectionFault(SSL* ssl, int* alert) {
+  if (!callbacks_.connectionFault) {
+    return SSL_TLSEXT_ERR_OK;
+  }
+  switch (callbacks_.connectionFault(ServerNameOf(ssl))) {
+    case ConnectionFault::None:
+      break;
+    case ConnectionFault::SilentAfterAccept:
+      // The client's hello has been read; the server's never comes.
+      waitForStall(kSilenceLimit);
+      *alert = SSL_AD_HANDSHAKE_FAILURE;
+      return SSL_TLSEXT_ERR_ALERT_FATAL;
+    case ConnectionFault::SilentAfterHandshake:
+      static_cast<Connection*>(SSL_get_app_data(ssl))->silentAfterHandshake = true;
+      break;
+    case ConnectionFault::AlertInHandshake:
+      *alert = SSL_AD_HANDSHAKE_FAILURE;
+      return SSL_TLSEXT_ERR_ALERT_FATAL;
   }
   return SSL_TLSEXT_ERR_OK;
 }
@@ -272,6 +310,7 @@ void TlsServer::startConnection(int fd) {
   connection->fd = fd;
   connection->ssl = ssl;
   Connection* raw = connection.get();
+  SSL_set_app_data(ssl, raw);
   std::lock_guard<std::mutex> lock(connectionMutex_);
   connections_.push_back(std::move(connection));
   raw->thread = std::thread(&TlsServer::serveConnection, this, raw);
@@ -315,6 +354,11 @@ void TlsServer::serveConnection(Connection* connection) {
     closeConnection(connection, false);
     return;
   }
+  if (connection->silentAfterHandshake) {
+    waitForStall(kSilenceLimit);
+    closeConnection(connection, false);
+    return;
+  }
   const std::string commonName = CommonNameOf(SSL_get0_peer_certificate(ssl));
   const std::string serverName = ServerNameOf(ssl);
   const std::string tlsVersion = SSL_get_version(ssl);
@@ -354,6 +398,23 @@ void TlsServer::serveConnection(Connection* connection) {
         }
         open = false;
         graceful = false;
+        break;
+      case Reply::Action::Trickle:
+        request.status = reply.status;
+        stream.writeTrickled(reply, [&] { return waitForStall(reply.byteInterval); });
+        open = false;
+        break;
+      case Reply::Action::ResetMidBody:
+        request.status = reply.status;
+        if (stream.writeHalf(reply)) {
+          ResetOnClose(connection->fd);
+        }
+        open = false;
+        graceful = false;
+        break;
+      case Reply::Action::CloseNotify:
+        request.status = 0;
+        open = false;  // the graceful close sends the alert
         break;
     }
     if (callbacks_.answered) {

@@ -43,6 +43,9 @@ class TlsServer {
     std::function<void(RecordedRequest&, Reply&)> handle;
     // After the reply went out (status set; 0 for a dropped connection).
     std::function<void(const RecordedRequest&)> answered;
+    // Asked once per connection with the name the client asked for, during
+    // the handshake; unset or None: a normal connection.
+    std::function<ConnectionFault(const std::string& serverName)> connectionFault;
   };
 
   TlsServer(Callbacks callbacks, std::chrono::milliseconds idleTimeout);
@@ -64,10 +67,13 @@ class TlsServer {
     int fd = -1;  // guarded by connectionMutex_; -1 once closed
     SSL* ssl = nullptr;
     std::thread thread;
-    bool finished = false;  // guarded by connectionMutex_
+    bool finished = false;              // guarded by connectionMutex_
+    bool silentAfterHandshake = false;  // set during the handshake, on the connection's thread
   };
 
   static int OcspStatusCallback(SSL* ssl, void* arg);
+  static int ServerNameCallback(SSL* ssl, int* alert, void* arg);
+  int applyConnectionFault(SSL* ssl, int* alert);
   int stapleOcsp(SSL* ssl);
 
   void acceptLoop();

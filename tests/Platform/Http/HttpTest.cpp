@@ -216,6 +216,24 @@ TEST_F(HttpTest, OversizedBodyFillsCallerBufferAndKeepsRealStatus) {
   }
 }
 
+// An answer read as text is held in memory: one beyond a few megabytes of
+// body, or a quarter of one of headers, is cut off as a failed transfer.
+TEST_F(HttpTest, FloodedTextAnswersAreCutOff) {
+  Fault headers;
+  headers.count = -1;
+  headers.headerBytes = 1 << 20;
+  backend_->injectFault("/test/method", headers);
+  for (const char* path : {"/test/bytes/8388608", "/test/method"}) {
+    SCOPED_TRACE(path);
+    Http::Request request = DeviceRequest(Http::GET, url(path));
+    Http::Response response;
+    Http::Perform(request, response);
+    EXPECT_EQ(400, response.statusCode);
+    EXPECT_FALSE(response.answered);
+    EXPECT_LE(response.body.size(), 4u << 20);
+  }
+}
+
 const auto kStall = std::chrono::seconds(60);
 const char kStallPath[] = "/api/v1/stall";
 
