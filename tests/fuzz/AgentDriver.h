@@ -186,7 +186,7 @@ struct Round {
 // One round of the control loop with `mutex` held, as the agent's thread
 // runs it: a wait is not slept but the clock moved to its end.
 inline Round RunRound(ControlCycle& cycle, Lum::Core::Mutex& mutex, SteppingClock& clock,
-                      const std::atomic<bool>& cancel) {
+                      const std::atomic<bool>& cancel) REQUIRES(mutex) {
   Round round;
   timespec deadline{};
   round.step = cycle.nextStep(deadline);

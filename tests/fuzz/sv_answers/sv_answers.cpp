@@ -27,13 +27,13 @@ constexpr size_t kMaxAnswers = 24;
 constexpr int kMaxPasses = 64;
 
 // With the core mutex held, as the control threads hold it.
-void CheckSession(SupportViewManager& sv, Lum::Core::Mutex& mutex) {
+void CheckSession(SupportViewManager& sv) REQUIRES(Lum::Core::CoreMutex()) {
   LumStatus status{};
   sv.getStatus(status);
   const unsigned state = status.sessionState;
   bool held = false;
   {
-    Lum::Core::UnlockMutex unlocked(mutex);
+    Lum::Core::UnlockMutex unlocked(Lum::Core::CoreMutex());
     held = !sv.getSessionToken().empty();
     LumFreeStatus(&status);
   }
@@ -91,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       LumFuzz::NoThreads noThreads;
       const LumFuzz::Round round = LumFuzz::RunRound(*cycles[c], core->getMutex(), agent->clock(),
                                                      core->transfersCancelled());
-      CheckSession(sv, core->getMutex());
+      CheckSession(sv);
       if (round.step == ControlCycle::Step::Stop) LumFuzz::Fail("a cycle stopped while running");
       if (round.step == ControlCycle::Step::WaitForever) continue;
       active = true;
