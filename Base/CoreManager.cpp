@@ -184,7 +184,7 @@ unsigned CoreManager::terminate(bool factoryReset) {
     // From here the shutdown must reach state 0 whatever fails (an exhausted
     // heap included): a step that threw would otherwise leave the agent
     // "terminating" for good, and the host unable to start it again.
-    beginTermination();
+    ExceptionBarrier::Run("LumTerm", [this]() REQUIRES(CoreMutex()) { beginTermination(); });
     ExceptionBarrier::Run("LumTerm", [this]() REQUIRES(CoreMutex()) {
       signalStatusChange();
       evaluateStateChanges();
@@ -210,11 +210,10 @@ void CoreManager::beginTermination() {
     delaySem_->reset();
   }
   for (Manager* manager : managers_) {
-    ExceptionBarrier::Run("LumTerm", [manager]() REQUIRES(CoreMutex()) { manager->terminateBegin(); });
+    ExceptionBarrier::Run("LumTerm",
+                          [manager]() REQUIRES(CoreMutex()) { manager->terminateBegin(); });
   }
-  ExceptionBarrier::Run("LumTerm", [] {
-    LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
-  });
+  LUM_LOG(kCore, FP::CATEGORY_STATE, FP::SEVERITY_DEBUG, "StateControl delay being reset");
 }
 
 void* CoreManager::TerminateThread(void* arg) {
