@@ -67,7 +67,10 @@ void CollectorManager::initialize(const Core::ManagerContext& context) {
 }
 
 void CollectorManager::initializeCollectors(const Core::ManagerContext& context) {
-  collectors_.emplace_back(new CollectDeviceInfo(context.device, context.persistent));
+  // Owned before the list grows: a list that cannot grow must not leak it.
+  // A start that failed after this point left its collectors behind.
+  collectors_.clear();
+  collectors_.push_back(std::make_unique<CollectDeviceInfo>(context.device, context.persistent));
 }
 
 void CollectorManager::cascadeStateChanges(const std::set<std::string>& allowedIds) {

@@ -130,9 +130,11 @@ QueueManager::QueueManager(uint32_t maximumDataBytes) : maximumBytes_(maximumDat
 bool QueueManager::parseStrict(const char* begin, const char* end, LumJson::Value& out) {
   // The reader throws rather than fails when nesting exceeds its depth limit;
   // that item is as malformed as any other and must not escape to the host.
+  // Running out of memory is no fault of the item's and goes on to the
+  // entry's barrier, which refuses the call.
   try {
     return reader_->parse(begin, end, &out, nullptr);
-  } catch (const std::exception&) {
+  } catch (const LumJson::Exception&) {
     return false;
   }
 }

@@ -201,7 +201,7 @@ int OcspStatusCallback(SSL* ssl, void* /*arg*/) {
   return 1;
 }
 
-CURLcode SslContextCallback(CURL* /*curl*/, void* sslContext, void* userData) {
+CURLcode SetUpSslContext(void* sslContext, void* userData) {
   SSL_CTX* ctx = static_cast<SSL_CTX*>(sslContext);
   const Http::Request* request = static_cast<const Http::Request*>(userData);
   if (!InstallClientKey(ctx, *request) || !InstallClientCertificates(ctx, *request)) {
@@ -218,7 +218,7 @@ CURLcode SslContextCallback(CURL* /*curl*/, void* sslContext, void* userData) {
   return CURLE_OK;
 }
 
-size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
+size_t AppendBody(char* data, size_t size, size_t count, void* userData) {
   Http::Response* response = static_cast<Http::Response*>(userData);
   const size_t total = size * count;
   if (response->bodyBuffer == nullptr) {
@@ -227,12 +227,7 @@ size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
               static_cast<unsigned>(kMaxTextBodyBytes));
       return 0;  // libcurl ends the transfer with a write error
     }
-    // An exception must not unwind through libcurl's C frames.
-    try {
-      response->body.append(data, total);
-    } catch (...) {
-      return 0;
-    }
+    response->body.append(data, total);
     return total;
   }
   if (response->bodyMaxLength == 0) {
@@ -257,7 +252,7 @@ size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
   return total;
 }
 
-size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
+size_t AppendHeader(char* data, size_t size, size_t count, void* userData) {
   std::vector<std::string>* headers = static_cast<std::vector<std::string>*>(userData);
   const size_t total = size * count;
   size_t held = 0;
@@ -269,11 +264,7 @@ size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
             static_cast<unsigned>(kMaxHeaderBytes));
     return 0;
   }
-  try {
-    headers->emplace_back(data, total);
-  } catch (...) {
-    return 0;
-  }
+  headers->emplace_back(data, total);
   return total;
 }
 
@@ -311,16 +302,45 @@ const char* DebugLabel(curl_infotype type) {
   }
 }
 
-int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size, void* /*userData*/) {
+int LogDebug(curl_infotype type, char* data, size_t size) {
   // Encrypted bytes are unreadable; only their amount is worth a line.
   if (type == CURLINFO_SSL_DATA_IN || type == CURLINFO_SSL_DATA_OUT) {
-    LUM_LOG(kCore, kWeb, kTrace, "%s %u bytes",
-            type == CURLINFO_SSL_DATA_IN ? "CURLINFO_SSL_DATA_IN " : "CURLINFO_SSL_DATA_OUT",
-            static_cast<unsigned>(size));
+    LUM_LOG_AS("DebugCallback", kCore, kWeb, kTrace, "%s %u bytes",
+               type == CURLINFO_SSL_DATA_IN ? "CURLINFO_SSL_DATA_IN " : "CURLINFO_SSL_DATA_OUT",
+               static_cast<unsigned>(size));
     return 0;
   }
-  LUM_LOG(kCore, kWeb, kTrace, "%s %s", DebugLabel(type), std::string(data, size).c_str());
+  LUM_LOG_AS("DebugCallback", kCore, kWeb, kTrace, "%s %s", DebugLabel(type),
+             std::string(data, size).c_str());
   return 0;
+}
+
+// libcurl calls these from its C frames, which an exception must not unwind
+// (an exhausted heap in a log line or a list would leave the transfer's
+// connection and TLS state behind): a throw becomes the callback's failure.
+template <typename Result, typename Body>
+Result Contained(Result onThrow, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    return onThrow;
+  }
+}
+
+CURLcode SslContextCallback(CURL* /*curl*/, void* sslContext, void* userData) {
+  return Contained(CURLE_SSL_CERTPROBLEM, [&] { return SetUpSslContext(sslContext, userData); });
+}
+
+size_t BodyCallback(char* data, size_t size, size_t count, void* userData) {
+  return Contained<size_t>(0, [&] { return AppendBody(data, size, count, userData); });
+}
+
+size_t HeaderCallback(char* data, size_t size, size_t count, void* userData) {
+  return Contained<size_t>(0, [&] { return AppendHeader(data, size, count, userData); });
+}
+
+int DebugCallback(CURL* /*curl*/, curl_infotype type, char* data, size_t size, void* /*userData*/) {
+  return Contained(0, [&] { return LogDebug(type, data, size); });
 }
 
 // Option failures are logged under the option's own name. Most never stop
@@ -598,6 +618,20 @@ uint32_t Http::ClampMessageTimeoutMs(uint32_t milliseconds) {
 }
 
 void Http::Perform(Request& request, Response& response) {
+  try {
+    Transfer(request, response);
+  } catch (...) {
+    // A throw mid-call (an exhausted heap in a log line) must not take the
+    // handle and its connection with it.
+    if (request.handle != nullptr) {
+      curl_easy_cleanup(request.handle);
+      request.handle = nullptr;
+    }
+    throw;
+  }
+}
+
+void Http::Transfer(Request& request, Response& response) {
   LUM_TRACE(kCore);
   response.statusCode = 400;
   response.answered = false;
@@ -624,25 +658,25 @@ void Http::Perform(Request& request, Response& response) {
     }
   }
 
-  curl_slist* headerList = BuildHeaderList(request.headers);
-  curl_httppost* form = nullptr;
+  // Owned from here so that a throw (an exhausted heap in a log line) does
+  // not leak them.
+  const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headerList(
+      BuildHeaderList(request.headers), &curl_slist_free_all);
+  std::unique_ptr<curl_httppost, decltype(&FreeForm)> form(nullptr, &FreeForm);
   Progress progress{&request, &response};
   bool performed = false;
   CURLcode code = CURLE_OK;
-  if (!SetCommonOptions(request, response, headerList, &progress)) {
+  if (!SetCommonOptions(request, response, headerList.get(), &progress)) {
     LUM_LOG(kCore, kWeb, kError, "TLS protection incomplete, the request is not sent");
   } else if (request.cancelled()) {
     LUM_LOG(kCore, kWeb, kInfo, "Request cancelled, not sent");
   } else {
-    form = SetVerbOptions(request);
+    form.reset(SetVerbOptions(request));
     code = curl_easy_perform(request.handle);
     performed = true;
   }
 
-  if (form != nullptr) {
-    FreeForm(form);
-  }
-  curl_slist_free_all(headerList);
+  form.reset();
   request.headers.clear();
   request.body.clear();
 

@@ -111,6 +111,9 @@ class Http {
   static const char* VerbToString(int verb);
 
  private:
+  // Perform's body; Perform frees the handle if it throws.
+  static void Transfer(Request& request, Response& response);
+
   // libcurl's global state is set up at most once between Initialize and
   // Terminate; both run on the start-up and shut-down paths, the mutex only
   // keeps a stray second caller from racing them.

@@ -49,9 +49,12 @@ bool JsonUtil::ParseStrict(const std::string& text, LumJson::Value& out) {
   // The reader throws instead of failing when nesting exceeds its depth
   // limit; such a text is just as malformed as any other, and it may come
   // from the host or the network, so it must not escape as an exception.
+  // Running out of memory is not the text's fault: it goes on to the caller's
+  // barrier, or a start would go on with the defaults of a text it never read
+  // (and store its files in the working directory).
   try {
     return StrictReader().parse(text.data(), text.data() + text.size(), &out, &errors);
-  } catch (const std::exception&) {
+  } catch (const LumJson::Exception&) {
     return false;
   }
 }

@@ -92,21 +92,31 @@ bool Logger::test(int service, int category, int severity) {
 }
 
 void Logger::log(const char* file, int line, const char* function, int service, int category,
-                 int severity, const char* format, ...) {
+                 int severity, const char* format, ...) noexcept {
   LockMutex lock(&mutex_);
   if (!initialized_) {
     return;
   }
+  std::string message;
   va_list args;
   va_start(args, format);
-  std::string message = StringUtil::Vform(format, args);
+  try {
+    message = StringUtil::Vform(format, args);
+  } catch (...) {
+    va_end(args);
+    return;
+  }
   va_end(args);
-  LoggingEvent event(file, line, function, service, category, severity, std::move(message));
-  Appender::VisitAllAppenders([&event](Appender& appender) {
-    if (appender.isLogEnabled(event.service, event.category, event.severity)) {
-      appender.doAppend(event);
-    }
-  });
+  try {
+    LoggingEvent event(file, line, function, service, category, severity, std::move(message));
+    Appender::VisitAllAppenders([&event](Appender& appender) {
+      if (appender.isLogEnabled(event.service, event.category, event.severity)) {
+        appender.doAppend(event);
+      }
+    });
+  } catch (...) {
+    // The line is dropped.
+  }
 }
 
 }  // namespace Core

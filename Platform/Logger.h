@@ -25,8 +25,10 @@ class Logger {
   // itself takes no lock, so it costs a few loads.
   bool test(int service, int category, int severity);
 
+  // Never throws: a line that cannot be made or written (an exhausted heap)
+  // is dropped, so logging is never the reason a call or a stop fails.
   void log(const char* file, int line, const char* function, int service, int category,
-           int severity, const char* format, ...) EXCLUDES(mutex_)
+           int severity, const char* format, ...) noexcept EXCLUDES(mutex_)
       __attribute__((format(printf, 8, 9)));
 
  private:

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "Platform/ExceptionBarrier.h"
 #include "Platform/Logger.h"
@@ -38,7 +39,13 @@ void ThreadUtil::Start(Thread& thread, void* (*routine)(void*), void* arg, const
   if (thread.started_) {
     return;
   }
-  Launch* launch = new Launch{routine, arg, name != nullptr ? name : "a thread"};
+  // Out of memory is a thread that could not be made, like any other
+  // failure here: callers have a way on without the thread (the stop does
+  // its work on the caller's thread), but not past an exception.
+  Launch* launch = new (std::nothrow) Launch{routine, arg, name != nullptr ? name : "a thread"};
+  if (launch == nullptr) {
+    return;
+  }
   if (pthread_create(&thread.handle_, nullptr, ThreadMain, launch) != 0) {
     delete launch;
     return;

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <strings.h>
 #include <sys/eventfd.h>
@@ -27,6 +28,12 @@ constexpr int kSendTimeoutSeconds = 30;
 constexpr unsigned char kSessionContext[] = "lum-backend";
 // How long a connection fault keeps a client waiting, unless stop comes first.
 constexpr std::chrono::seconds kSilenceLimit{120};
+
+// The back end's threads carry one name, so a test that injects faults into
+// the whole process (a failing allocator) can leave the back end out.
+void NameBackendThread() {
+  pthread_setname_np(pthread_self(), "lum-backend");
+}
 
 int ProtocolVersion(TlsVersion version) {
   switch (version) {
@@ -274,6 +281,7 @@ void TlsServer::stop() {
 }
 
 void TlsServer::acceptLoop() {
+  NameBackendThread();
   while (true) {
     pollfd fds[2] = {{listenFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     int ready = poll(fds, 2, 200);
@@ -347,6 +355,7 @@ bool TlsServer::waitForStall(std::chrono::milliseconds limit) {
 }
 
 void TlsServer::serveConnection(Connection* connection) {
+  NameBackendThread();
   SSL* ssl = connection->ssl;
   if (SSL_accept(ssl) != 1) {
     // Refused handshakes (no or foreign client certificate, protocol range)
