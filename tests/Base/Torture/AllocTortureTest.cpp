@@ -12,6 +12,7 @@
 #include <lum.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -21,6 +22,8 @@
 #include <new>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "agent/AgentHarness.h"
 #include "support/KilledWriter.h"
@@ -37,9 +40,13 @@ bool OnBackendThread() {
   return std::strcmp(name, "lum-backend") == 0;
 }
 
+// Set while the test's own thread watches the agent: its waits are not part
+// of the operation under test.
+thread_local bool watching = false;
+
 // True when this allocation is the one to fail.
 bool Fails() {
-  if (!armed.load(std::memory_order_relaxed) || OnBackendThread()) return false;
+  if (!armed.load(std::memory_order_relaxed) || watching || OnBackendThread()) return false;
   allocations.fetch_add(1, std::memory_order_relaxed);
   return countdown.fetch_sub(1, std::memory_order_relaxed) == 1;
 }
@@ -141,12 +148,12 @@ bool RunFailing(long nth, const std::function<void()>& operation, long* allocati
 // Tries N = 1, 1 + stride, ... until the operation completes untouched;
 // `after` checks and cleans up after every run, disarmed.
 void Torture(const char* name, const std::function<void()>& operation,
-             const std::function<void(long nth)>& after) {
+             const std::function<void(long nth)>& after, long samples = 150) {
   long total = 0;
   RunFailing(0, operation, &total);  // the clean run, to size the stride
   after(0);
-  const long stride =
-      LumTest::KilledWriter::Count("LUM_TORTURE_ALLOC_STRIDE", static_cast<int>(total / 150 + 1));
+  const long stride = LumTest::KilledWriter::Count("LUM_TORTURE_ALLOC_STRIDE",
+                                                   static_cast<int>(total / samples + 1));
   long runs = 0;
   long nth = LumTest::KilledWriter::Count("LUM_TORTURE_ALLOC_FIRST", 1);
   long seen = 0;
@@ -212,6 +219,57 @@ TEST(AllocTorture, InitAndTerm) {
             << result << " at " << nth;
         StopAndWait(agent, nth);
       });
+}
+
+// How many state calls the back end has answered.
+size_t StateCalls(const AgentHarness& agent) {
+  const std::vector<std::string> calls = agent.calls();
+  return static_cast<size_t>(std::count(calls.begin(), calls.end(), "da/state"));
+}
+
+// A start that registers and synchronizes at once, with each sampled
+// allocation failing on the host's thread or on the agent's while it calls
+// the back end; a run ends at the state call (a failed call is retried after
+// a short delay) or after a few seconds, then stops.
+TEST(AllocTorture, StartSyncAndTerm) {
+  AgentHarness agent;
+  LumJson::Value seed = LumTest::QuickTunables(60000, 200);
+  seed["daStartupDelayFixedMs"] = 0;
+  seed["daStartupDelayVariedMs"] = 0;
+  // Every start a first one, due at once: no stored schedule, no token.
+  const auto firstStart = [&] {
+    for (const char* name : {"daTime", "daTime.prev", "daTime.sum"}) {
+      std::remove((agent.persistentPath() + "/" + name).c_str());
+    }
+    agent.seedPersistedValues(seed);
+  };
+  firstStart();
+  const std::string identity = agent.identityText(), config = agent.configText(),
+                    device = agent.deviceText();
+  unsigned result = 0;
+  Torture(
+      "LumInit+sync+LumTerm",
+      [&] {
+        watching = true;
+        const size_t before = StateCalls(agent);
+        watching = false;
+        result = LumInit(identity.c_str(), config.c_str(), device.c_str());
+        watching = true;
+        const auto deadline = std::chrono::steady_clock::now() + seconds(3);
+        while (result == LUM_RESULT_SUCCESS && StateCalls(agent) == before &&
+               std::chrono::steady_clock::now() < deadline) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        watching = false;
+        LumTerm();
+      },
+      [&](long nth) {
+        EXPECT_TRUE(result == LUM_RESULT_SUCCESS || result == LUM_RESULT_REFUSED)
+            << result << " at " << nth;
+        StopAndWait(agent, nth);
+        firstStart();
+      },
+      40);
 }
 
 TEST(AllocTorture, SubmitDataItem) {
