@@ -9,6 +9,7 @@
 #include "Platform/Clock.h"
 #include "Platform/Logger.h"
 #include "Platform/Sha256Util.h"
+#include "Platform/StringUtil.h"
 
 LUM_SOURCE_FILE("Base/QueueManager");
 
@@ -132,6 +133,9 @@ bool QueueManager::parseStrict(const char* begin, const char* end, LumJson::Valu
   // that item is as malformed as any other and must not escape to the host.
   // Running out of memory is no fault of the item's and goes on to the
   // entry's barrier, which refuses the call.
+  if (!Core::StringUtil::IsUtf8(begin, end)) {
+    return false;  // it would not be stored as given
+  }
   try {
     return reader_->parse(begin, end, &out, nullptr);
   } catch (const LumJson::Exception&) {

@@ -3,6 +3,8 @@
 #include <exception>
 #include <memory>
 
+#include "Platform/StringUtil.h"
+
 namespace Lum {
 namespace Core {
 
@@ -52,6 +54,9 @@ bool JsonUtil::ParseStrict(const std::string& text, LumJson::Value& out) {
   // Running out of memory is not the text's fault: it goes on to the caller's
   // barrier, or a start would go on with the defaults of a text it never read
   // (and store its files in the working directory).
+  if (!StringUtil::IsUtf8(text.data(), text.data() + text.size())) {
+    return false;
+  }
   try {
     return StrictReader().parse(text.data(), text.data() + text.size(), &out, &errors);
   } catch (const LumJson::Exception&) {

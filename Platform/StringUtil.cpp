@@ -57,5 +57,37 @@ char* StringUtil::DuplicateForHost(const std::string& text) {
   return copy;
 }
 
+bool StringUtil::IsUtf8(const char* begin, const char* end) {
+  const auto* p = reinterpret_cast<const unsigned char*>(begin);
+  const auto* stop = reinterpret_cast<const unsigned char*>(end);
+  while (p < stop) {
+    const unsigned lead = *p++;
+    if (lead < 0x80) continue;
+    // The continuation count and the range the second byte must fall in,
+    // which is what rules out overlong forms, surrogates and values beyond
+    // U+10FFFF.
+    int more = 0;
+    unsigned low = 0x80, high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      more = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      more = 2;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      more = 3;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;
+    } else {
+      return false;
+    }
+    if (stop - p < more || *p < low || *p > high) return false;
+    for (++p, --more; more > 0; ++p, --more) {
+      if ((*p & 0xC0) != 0x80) return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace Core
 }  // namespace Lum

@@ -16,6 +16,10 @@ class StringUtil {
   // A malloc'd, NUL-terminated copy for a text handed to the host, which
   // frees it; null when the allocation fails.
   static char* DuplicateForHost(const std::string& text);
+  // Well-formed UTF-8 only: no overlong forms, no surrogates, nothing beyond
+  // U+10FFFF. The JSON reader passes other bytes through and its writer
+  // replaces them, so a text that fails here would not be stored as given.
+  static bool IsUtf8(const char* begin, const char* end);
 };
 
 }  // namespace Core

@@ -56,6 +56,11 @@ TEST_F(QueueManagerTest, AdmitsAllowedObjectsAndStampsThoseWithoutATime) {
       {R"({"id":"a","id":"a"})", ""},
       {deep, ""},
       {std::string(100000, '['), ""},
+      // Bytes the writer would replace: the item would not arrive as given.
+      {"{\"id\":\"a\",\"v\":\"x\xC3\"}", ""},
+      {"{\"id\":\"a\",\"\xED\xA0\x80\":1}", ""},
+      {"{\"id\":\"a\",\"v\":\"\xC3\xA9\"}",
+       "{\"dateTime\":\"2021-03-04T05:06:07.089Z\",\"id\":\"a\",\"v\":\"\\u00e9\"}"},
   };
   for (const auto& [text, item] : cases) {
     SCOPED_TRACE(text.substr(0, 40));

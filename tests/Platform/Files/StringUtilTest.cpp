@@ -22,6 +22,32 @@ TEST(StringUtil, FormsTextOfAnyLengthWhole) {
   }
 }
 
+TEST(StringUtil, AcceptsOnlyWellFormedUtf8) {
+  const std::pair<std::string, bool> cases[] = {
+      {"", true},
+      {"plain", true},
+      {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xBA \xF4\x8F\xBF\xBF", true},  // up to U+10FFFF
+      {"\xED\x9F\xBF \xEE\x80\x80", true},  // either side of the surrogates
+      {"x\xFF", false},
+      {"\xC3", false},      // cut short
+      {"\xE2\x82", false},  // cut short
+      {"\xC3"
+       "A",
+       false},                         // not a continuation byte
+      {"\xC0\xAF", false},             // overlong "/"
+      {"\xE0\x9F\xBF", false},         // overlong
+      {"\xF0\x8F\xBF\xBF", false},     // overlong
+      {"\xED\xA0\x80", false},         // a surrogate
+      {"\xF4\x90\x80\x80", false},     // beyond U+10FFFF
+      {"\x80", false},                 // continuation without a lead
+      {std::string("a\0b", 3), true},  // NUL is a character like any other
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(StringUtil::IsUtf8(c.first.data(), c.first.data() + c.first.size()), c.second)
+        << testing::PrintToString(c.first);
+  }
+}
+
 TEST(StringSetUtil, SplitsTrimsAndSkipsEmptyItems) {
   const std::pair<const char*, Set> cases[] = {
       {"", {}},
