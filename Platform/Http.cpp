@@ -316,7 +316,7 @@ int LogDebug(curl_infotype type, char* data, size_t size) {
 }
 
 // libcurl calls these from its C frames, which an exception must not unwind
-// (an exhausted heap in a log line or a list would leave the transfer's
+// (an exhausted heap in a list or a copy would leave the transfer's
 // connection and TLS state behind): a throw becomes the callback's failure.
 template <typename Result, typename Body>
 Result Contained(Result onThrow, Body&& body) noexcept {
@@ -621,7 +621,7 @@ void Http::Perform(Request& request, Response& response) {
   try {
     Transfer(request, response);
   } catch (...) {
-    // A throw mid-call (an exhausted heap in a log line) must not take the
+    // A throw mid-call (an exhausted heap) must not take the
     // handle and its connection with it.
     if (request.handle != nullptr) {
       curl_easy_cleanup(request.handle);
@@ -658,7 +658,7 @@ void Http::Transfer(Request& request, Response& response) {
     }
   }
 
-  // Owned from here so that a throw (an exhausted heap in a log line) does
+  // Owned from here so that a throw (an exhausted heap) does
   // not leak them.
   const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headerList(
       BuildHeaderList(request.headers), &curl_slist_free_all);
