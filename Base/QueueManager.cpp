@@ -113,9 +113,11 @@ bool IsReadablePackage(const LumJson::Value& root) {
   const LumJson::Value* dropped = Member(root, "dropped");
   const LumJson::Value* rejected = Member(root, "rejected");
   const LumJson::Value* items = Member(root, "dataItems");
-  return version != nullptr && version->isIntegral() &&
-         version->asLargestInt() == kPackageVersion && dropped != nullptr && dropped->isUInt() &&
-         rejected != nullptr && rejected->isUInt() && items != nullptr && items->isArray();
+  // isInt64 first: a version beyond 2^63 is integral too, and reading it as
+  // a signed number throws.
+  return version != nullptr && version->isInt64() && version->asInt64() == kPackageVersion &&
+         dropped != nullptr && dropped->isUInt() && rejected != nullptr && rejected->isUInt() &&
+         items != nullptr && items->isArray();
 }
 
 }  // namespace
