@@ -12,6 +12,8 @@ PAYLOAD = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ"
 DOC = json.dumps({"version": "2.0.0", "sha256": "auto", "blockSize": 16,
                   "payload": "su/payload/2.0.0", "mandatory": True, "autoAnswer": False})
 BLOCKS = ["206auto"] * 3
+EVIL = json.dumps({"version": "6.6.6", "sha256": "a" * 64, "size": 1, "blockSize": 1,
+                   "blockSha256": ["b" * 64], "payload": "su/evil"})
 
 
 def state(**fields):
@@ -26,7 +28,8 @@ SEEDS = {
     "download-small-pieces": (SIGNED | DOWNLOAD | SMALL, [DOC, PAYLOAD, "200auto"] + ["206auto"] * 6),
     "confirm-at-once": (SIGNED | CONFIRM, [DOC, PAYLOAD, "200auto"] + BLOCKS + ["503", "200"]),
     "offered-no-permission": (SIGNED, [DOC, PAYLOAD, "200auto"]),
-    "altered": (ALTERED | DOWNLOAD, [DOC, PAYLOAD, "200auto", "206auto"]),
+    # The payload doubles as the document the altered envelope carries.
+    "altered": (ALTERED | DOWNLOAD, [DOC, EVIL, "200auto", "206auto"]),
     "rogue": (ROGUE | DOWNLOAD, [DOC, PAYLOAD, "200auto", "206auto"]),
     "raw-unsigned": (RAW | DOWNLOAD, [DOC, PAYLOAD, "200auto", "206auto"]),
     "no-update-204": (SIGNED, [DOC, PAYLOAD, "204"]),
