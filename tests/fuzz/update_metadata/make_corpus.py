@@ -50,6 +50,7 @@ SEEDS = {
     "state-damaged": (SIGNED | STATE, ['{"state":', DOC, PAYLOAD, "200auto"]),
     "state-odd-types": (SIGNED | STATE, [state(state="2", permission=7, source=9,
                                                verifiedBytes=-1), DOC, PAYLOAD, "503"]),
+    "state-out-of-range": (SIGNED | STATE, ['{"state":9,"source":1}', DOC, PAYLOAD, "204"]),
     "state-local-failed": (SIGNED | STATE, [state(state=1, source=0, location="/nowhere"), DOC,
                                             PAYLOAD, "200auto"]),
 }
