@@ -669,6 +669,9 @@ void SoftwareUpdateManager::postMetadata() {
   if (job.outcome == Outcome::Retry) {
     retryOrFail(persistent_->getSuMaxRetryCount(), persistent_->getSuRetryDelayFixedMs(),
                 persistent_->getSuRetryDelayVariedMs(), job.why);
+    // The fetch was taken off the list when it was prepared: without it the
+    // armed retry would never come, and the update would rest undecided.
+    fetchWanted_ = retryArmed_;
     return;
   }
   if (job.outcome == Outcome::Fail) {

@@ -73,6 +73,9 @@ class SoftwareUpdateManager : public Core::Manager, private Core::ControlCycle {
 
   static const char* MicroServiceToString(int microService);
 
+  // The UpdateControl cycle, for a driver that runs its rounds by hand.
+  Core::ControlCycle& cycle() { return *this; }
+
  private:
   // What the signed metadata offers.
   struct Offer {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -128,12 +129,22 @@ class Agent {
   }
 
   const std::string& dir() const { return dir_; }
+
+  // The device trusts `pem` alone from the next start on, so that documents
+  // signed under another test PKI open.
+  void trustOnly(const std::string& pem) {
+    LumJson::Value identity;
+    if (!Lum::Core::JsonUtil::ParseObject(identity_, identity)) Fail("identity unreadable");
+    identity["trust"] = pem;
+    identity_ = Lum::Core::JsonUtil::WriteCompact(identity);
+  }
   SteppingClock& clock() { return clock_; }
 
-  // Starts the agent afresh in an empty directory, without threads. The
-  // extra configuration sections are merged in.
-  void start(const LumJson::Value& sections = LumJson::Value()) {
-    ClearDir(dir_);
+  // Starts the agent without threads, afresh in an empty directory unless
+  // `keepFiles` (a restart over what the last run stored). The extra
+  // configuration sections are merged in.
+  void start(const LumJson::Value& sections = LumJson::Value(), bool keepFiles = false) {
+    if (!keepFiles) ClearDir(dir_);
     clock_.reset();
     LumJson::Value config(LumJson::objectValue);
     config["core"]["persistentPath"] = dir_;
@@ -183,10 +194,15 @@ struct Round {
   long status = 0;   // of its answer
 };
 
+// Sees a prepared call before it is made, with the mutex held: the place to
+// choose its answer from what it asks.
+using BeforeCall = std::function<void(const Lum::Core::Http::Request&)>;
+
 // One round of the control loop with `mutex` held, as the agent's thread
 // runs it: a wait is not slept but the clock moved to its end.
 inline Round RunRound(ControlCycle& cycle, Lum::Core::Mutex& mutex, SteppingClock& clock,
-                      const std::atomic<bool>& cancel) REQUIRES(mutex) {
+                      const std::atomic<bool>& cancel, const BeforeCall& beforeCall = nullptr)
+    REQUIRES(mutex) {
   Round round;
   timespec deadline{};
   round.step = cycle.nextStep(deadline);
@@ -209,11 +225,15 @@ inline Round RunRound(ControlCycle& cycle, Lum::Core::Mutex& mutex, SteppingCloc
   cycle.prepMicroService(request);
   cycle.prepResponse(response);
   request.cancel = cycle.cancelFlag(cancel);
+  if (beforeCall) beforeCall(request);
   {
     Lum::Core::UnlockMutex unlocked(mutex);
     cycle.perform(request, response);
   }
-  if (!request.mock) Fail("a request went past the injector: " + request.url);
+  // A step without a URL (a check of a local file) has nothing to send.
+  if (!request.url.empty() && !request.mock) {
+    Fail("a request went past the injector: " + request.url);
+  }
   round.url = request.url;
   round.sent = request.data != nullptr
                    ? std::string(reinterpret_cast<const char*>(request.data), request.dataLength)
